@@ -1,0 +1,27 @@
+# Installed layout: headers under include/tavrel/, both libraries, a CMake package
+# (find_package(TavrelSys) gives TavrelSys::sys_linux and TavrelSys::platform_linux)
+# and a pkg-config file (tavrel-sys).
+include(CMakePackageConfigHelpers)
+
+install(DIRECTORY include/tavrel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY platform/include/tavrel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+install(TARGETS tavrel_sys_linux tavrel_platform_linux EXPORT TavrelSysTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+# The imported liblog target travels with the package as a plain library path.
+install(EXPORT TavrelSysTargets NAMESPACE TavrelSys::
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/TavrelSys)
+configure_package_config_file(cmake/TavrelSysConfig.cmake.in
+  ${CMAKE_CURRENT_BINARY_DIR}/TavrelSysConfig.cmake
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/TavrelSys)
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/TavrelSysConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/TavrelSysConfig.cmake
+  ${CMAKE_CURRENT_BINARY_DIR}/TavrelSysConfigVersion.cmake
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/TavrelSys)
+
+configure_file(cmake/tavrel-sys.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tavrel-sys.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tavrel-sys.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,17 @@
+// A sink for state dumps: one call, one line.
+#pragma once
+
+namespace NSCam {
+
+class IPrinter {
+public:
+    // Prints `line` as one line.
+    virtual void printLine(const char* line) = 0;
+
+    // Formats with printf conventions and prints the result as one line.
+    virtual void printFormatLine(const char* format, ...) __attribute__((format(printf, 2, 3))) = 0;
+
+    virtual ~IPrinter() {}
+};
+
+}  // namespace NSCam

@@ -1,0 +1,33 @@
+// The body of a thread that an outside thread driver runs.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace NSCam::NSTavrel {
+
+class IThreadLoop {
+public:
+    // Given by the thread driver once, before the first threadLoop().
+    struct ReadyToRun {
+        static constexpr int32_t kNotGiven = INT32_MIN;
+
+        std::string threadName;         // empty: use the loop's own name
+        int32_t policy = kNotGiven;     // scheduling policy, or kNotGiven
+        int32_t priority = kNotGiven;   // scheduling priority, or kNotGiven
+    };
+
+    virtual ~IThreadLoop() {}
+
+    // Any thread. Asks the loop to end and wakes it.
+    virtual void requestExit() = 0;
+
+    // Loop thread, once, before threadLoop(). Returns 0 on success.
+    virtual int readyToRun(ReadyToRun const& ready) = 0;
+    virtual int readyToRun(std::string const& /*threadName*/) { return 0; }
+
+    // Loop thread. Returns true to be called again, false when the loop has ended.
+    virtual bool threadLoop() = 0;
+};
+
+}  // namespace NSCam::NSTavrel

@@ -1,0 +1,140 @@
+// The log statement: one message over the debug-print route and the unified-log route,
+// each behind its own gate, all gates tested before anything is formatted.
+//
+// A source file defines `kLogSite` (its tag and path) and then uses the macros:
+//   TAVREL_LOGE("[%s] read(%d) failed", __func__, fd);
+// Every short format starts with "[%s]"; its argument is given by the caller.
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "tavrel/platform/DebugPrint.h"
+#include "tavrel/platform/ULogger.h"
+#include "utils/log/LogSite.h"
+
+namespace NSCam::NSTavrel::Log {
+
+enum class Level { kError, kWarning, kInfo, kVerbose };
+
+// What a level means on each route.
+struct LevelRoute {
+    cam_debug_level_t debugLevel;  // debug-print level and g_logInfoLv record
+    int unifiedLevel;              // unified-logger level
+};
+
+constexpr LevelRoute routeOf(Level level) {
+    switch (level) {
+        case Level::kError: return {CAM_DEBUG_ERROR, 1};
+        case Level::kWarning: return {CAM_DEBUG_WARNING, 2};
+        case Level::kInfo: return {CAM_DEBUG_INFO, 3};
+        case Level::kVerbose: break;
+    }
+    return {CAM_DEBUG_VERBOSE, 5};
+}
+
+using NSCam::Utils::ULog::ULogger;
+
+inline uint32_t loadSwitch(const std::atomic<uint32_t>& value) {
+    return value.load(std::memory_order_relaxed);
+}
+
+// The details gate that comes before either route; errors have none.
+template <Level L>
+inline bool detailsAdmit() {
+    if constexpr (L == Level::kError) {
+        return true;
+    } else if constexpr (L == Level::kWarning) {
+        return loadSwitch(ULogger::sDetailsLevel) >= 2;
+    } else if constexpr (L == Level::kInfo) {
+        return loadSwitch(ULogger::sDetailsLevel) >= 3;
+    } else {
+        return loadSwitch(ULogger::sDetailsLevel) >= 5 &&
+               (loadSwitch(ULogger::sNormalDetailsMask) & kDetailsMask) == kDetailsMask;
+    }
+}
+
+inline bool debugPrintRouteOn(cam_debug_level_t level) {
+    return (loadSwitch(ULogger::sMode) & kDebugPrintRouteBit) != 0 &&
+           (g_logInfoLv[level].enableMask.load(std::memory_order_relaxed) &
+            kDebugPrintModuleBit) != 0;
+}
+
+inline bool unifiedRouteOn() {
+    return (loadSwitch(ULogger::sMode) & kUnifiedRouteBits) != 0;
+}
+
+// Formats into a heap buffer and hands the line to the unified logger. The length passed
+// is the untruncated one the formatting reported, even when the text was cut.
+template <typename... Args>
+__attribute__((noinline)) void writeUnified(const char* tag, int level, const char* format,
+                                            Args... args) {
+    char* line = static_cast<char*>(std::malloc(kLineSize));
+    if (line == nullptr) return;
+    const int length = std::snprintf(line, kLineSize, format, args...);
+    if (length >= 0) {
+        line[kLineSize - 1] = '\0';
+        ULogger::sULogger.load(std::memory_order_acquire)
+            ->writeLine(kModuleId, tag, level, line, length);
+    }
+    std::free(line);
+}
+
+// Builds the header into a format of its own and lets log_dbg_print format the message
+// with it. A '%' in the prefix or the file text would be interpreted; the platform
+// promises there is none.
+template <typename... Args>
+__attribute__((noinline)) void writeDebugPrint(const Site& site, int line, const char* function,
+                                               cam_debug_level_t level, const char* longFormat,
+                                               Args... args) {
+    char format[kLineSize] = {};
+    std::snprintf(format, sizeof(format), "%s[%s] %s:%d %s() %s", g_logInfoLv[level].prefix,
+                  site.tag, get_filename_log_control(site.path), line, function, longFormat);
+    log_dbg_print(site.tag, level, format, args...);
+}
+
+template <Level L, typename... Args>
+inline void statement(const Site& site, int line, const char* function, const char* format,
+                      const char* errorFormat, Args... args) {
+    if (!detailsAdmit<L>()) return;
+    constexpr LevelRoute route = routeOf(L);
+    if (debugPrintRouteOn(route.debugLevel)) {
+        if constexpr (L == Level::kError) {
+            writeDebugPrint(site, line, function, route.debugLevel, errorFormat, args...,
+                            function, line, site.path);
+        } else {
+            writeDebugPrint(site, line, function, route.debugLevel, format, args...);
+        }
+    }
+    if (unifiedRouteOn()) writeUnified(site.tag, route.unifiedLevel, format, args...);
+}
+
+// Lets the compiler check a statement's format against its arguments; never called.
+__attribute__((format(printf, 1, 2))) inline void checkFormat(const char*, ...) {}
+
+}  // namespace NSCam::NSTavrel::Log
+
+// The long form of an error line ends with the function, line and source path.
+#define TAVREL_ERROR_SUFFIX " (%s){#%d:%s}"
+
+#define TAVREL_LOG_AT(level, format, ...)                                                 \
+    do {                                                                                   \
+        if (false) ::NSCam::NSTavrel::Log::checkFormat(format, __VA_ARGS__);               \
+        ::NSCam::NSTavrel::Log::statement<level>(kLogSite, __LINE__, __func__, format,     \
+                                                 format TAVREL_ERROR_SUFFIX, __VA_ARGS__); \
+    } while (0)
+
+#define TAVREL_LOGE(format, ...) \
+    TAVREL_LOG_AT(::NSCam::NSTavrel::Log::Level::kError, format, __VA_ARGS__)
+#define TAVREL_LOGW(format, ...) \
+    TAVREL_LOG_AT(::NSCam::NSTavrel::Log::Level::kWarning, format, __VA_ARGS__)
+#define TAVREL_LOGI(format, ...) \
+    TAVREL_LOG_AT(::NSCam::NSTavrel::Log::Level::kInfo, format, __VA_ARGS__)
+#define TAVREL_LOGV(format, ...) \
+    TAVREL_LOG_AT(::NSCam::NSTavrel::Log::Level::kVerbose, format, __VA_ARGS__)
+
+// A verbose line of a class: its own switch (mLogv) is tested before anything else.
+#define TAVREL_CLASS_LOGV(classLogv, format, ...)        \
+    do {                                                 \
+        if (classLogv) TAVREL_LOGV(format, __VA_ARGS__); \
+    } while (0)

@@ -1,0 +1,68 @@
+// Trace points gated by this library's category bits and the camera trace tag.
+#pragma once
+
+#include <cstdint>
+
+#include "tavrel/platform/Trace.h"
+
+namespace NSCam::NSTavrel::Trace {
+
+constexpr uint64_t bit(unsigned n) { return uint64_t{1} << n; }
+
+// Category bits, one per family of trace points.
+inline constexpr uint64_t kFileCalls = bit(0);          // file, directory, descriptor creation
+inline constexpr uint64_t kEventCalls = bit(1);         // epoll and timerfd calls
+inline constexpr uint64_t kStatIoctl = bit(2);          // Stat, Ioctl, AddIova, DelIova
+inline constexpr uint64_t kMonitorLife = bit(4);        // monitor lifecycle and interrupt
+inline constexpr uint64_t kMediaAlloc = bit(5);         // AllocMediaRequest
+inline constexpr uint64_t kMediaQueue = bit(8);         // QueueMediaRequest
+inline constexpr uint64_t kQueueBuf = bit(9);           // QueueVideoNodeBuf
+inline constexpr uint64_t kAttachModify = bit(10);      // attach and modify
+inline constexpr uint64_t kHandleEvents = bit(12);      // handleEvents, tryEpoll
+inline constexpr uint64_t kDispatch = bit(13);          // per-observer dispatch, DQueueVideoNodeBuf
+inline constexpr uint64_t kDetach = bit(14);            // detach
+inline constexpr uint64_t kDQueueEvent = bit(32);       // DQueueEvent
+inline constexpr uint64_t kObserverCounter = bit(36);   // observer-count counter
+inline constexpr uint64_t kObserverSpan = bit(37);      // per-descriptor async span
+
+// The atrace tag that must be on for any of them.
+inline constexpr uint64_t kCameraTag = 0x400;
+
+// Tested afresh at every trace point: nothing is remembered between a begin and its end.
+// The tag is read twice, as the platform's own trace macros do.
+inline bool enabled(uint64_t category) {
+    return (get_tavrel_enabled_tracebits() & category) != 0 &&
+           (atrace_get_enabled_tags() & kCameraTag) != 0 &&
+           (atrace_get_enabled_tags() & kCameraTag) != 0;
+}
+
+// Brackets a scope. Entry and exit test the gate independently, so a change of the masks
+// in between can leave a begin without its end or an end without its begin.
+class Section {
+public:
+    Section(uint64_t category, const char* name) : mCategory(category) {
+        if (enabled(mCategory)) atrace_begin_body(name);
+    }
+    ~Section() {
+        if (enabled(mCategory)) atrace_end_body();
+    }
+    Section(const Section&) = delete;
+    Section& operator=(const Section&) = delete;
+
+private:
+    const uint64_t mCategory;  // the gate to test again at the end
+};
+
+inline void counter(uint64_t category, const char* name, int32_t value) {
+    if (enabled(category)) atrace_int_body(name, value);
+}
+
+inline void asyncBegin(uint64_t category, const char* name, int32_t cookie) {
+    if (enabled(category)) atrace_async_begin_body(name, cookie);
+}
+
+inline void asyncEnd(uint64_t category, const char* name, int32_t cookie) {
+    if (enabled(category)) atrace_async_end_body(name, cookie);
+}
+
+}  // namespace NSCam::NSTavrel::Trace
