@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# Installs what is missing, then builds and runs the whole suite in every configuration
+# CI checks. Stops at the first failure. The last stage's CTest summary closes the output.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+stage() { printf '\n=== %s\n' "$*"; }
+
+stage "setup: install missing Debian packages and the driver-test VM image"
+scripts/setup.sh
+
+stage "style: every C++ file is formatted as .clang-format says"
+git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror
+
+# Each configuration: configure, build everything, run every test.
+run_preset() {
+  local preset=$1
+  shift
+  cmake --preset "$preset" "$@" >/dev/null
+  cmake --build --preset "$preset"
+  ctest --preset "$preset" --timeout 600 "${CTEST_ARGS[@]}"
+}
+CTEST_ARGS=(-j2)
+
+stage "clang-libcxx: Clang with libc++ builds warning-free, lock annotations check, tests pass"
+run_preset clang-libcxx
+
+stage "asan: no memory error, leak or undefined behaviour in any test"
+run_preset asan
+
+stage "tsan: no data race in any test"
+run_preset tsan
+
+stage "default: release build passes every test, the installed package and the real-driver VM test"
+run_preset default
