@@ -30,6 +30,12 @@ void setTraceSink(TraceSink sink, void* cookie);
 // trace_marker or nowhere.
 const char* traceFilePath();
 
+// Any thread. Makes `path` the trace file (appended to; the ftrace header is written when
+// it is empty), or with null sends markers nowhere; the trace properties no longer apply
+// afterwards. Returns false, keeping the current output, when the file cannot be opened.
+// A path returned earlier by traceFilePath() is invalid afterwards.
+bool setTraceFile(const char* path);
+
 }  // namespace tavrel::host
 
 // Category bits of this library's trace points.
