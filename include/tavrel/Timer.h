@@ -56,12 +56,16 @@ public:
     void enableEdgeTrigger();
 
 private:
-    int32_t mLogv;                          // verbose lines on, from a property at construction
-    std::string mName;                      // "Timer-" + name, for logs and dumps
-    int32_t mFd;                            // the timerfd; its owner tag is &mFd
-    uint32_t mEvents;                       // the mask the timer wants to be attached with
-    std::function<void()> mNotifyTimeout;   // run on every expiry
-    mutable std::mutex mMutex;              // makes each set (and get-then-set) of mFd atomic
+    // shared_from_this() as the library would have it without exceptions: a Timer that
+    // no shared_ptr owns ends the process.
+    std::shared_ptr<Timer> strongSelf();
+
+    int32_t mLogv;                         // verbose lines on, from a property at construction
+    std::string mName;                     // "Timer-" + name, for logs and dumps
+    int32_t mFd;                           // the timerfd; its owner tag is &mFd
+    uint32_t mEvents;                      // the mask the timer wants to be attached with
+    std::function<void()> mNotifyTimeout;  // run on every expiry
+    mutable std::mutex mMutex;             // makes each set (and get-then-set) of mFd atomic
 };
 
 }  // namespace NSCam::NSTavrel

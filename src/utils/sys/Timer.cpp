@@ -1,0 +1,158 @@
+#include "tavrel/Timer.h"
+
+#include <sys/epoll.h>
+#include <sys/timerfd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+#include <utility>
+
+#include "tavrel/SystemCall.h"
+#include "tavrel/platform/Properties.h"
+#include "utils/log/FatalReport.h"
+#include "utils/log/FileSettings.h"
+#include "utils/log/Log.h"
+#include "utils/sys/TimerRearm.h"
+
+namespace NSCam::NSTavrel {
+namespace {
+
+constexpr Log::Site kLogSite = {"tavrel-Timer", "src/utils/sys/Timer"};
+
+TAVREL_DEFINE_FILE_SETTINGS();
+
+// Switches the Timer's verbose lines on; read once per Timer, when it is made.
+constexpr const char* kLogvProperty = "persist.vendor.camera.tavrel.timer.logv";
+constexpr int32_t kLogvDefault = 0;
+
+// Every Timer's name starts with this; a null name is shown as kUnnamed.
+constexpr const char* kNamePrefix = "Timer-";
+constexpr const char* kUnnamed = "?";
+
+// The timerfd never blocks a reader and is not inherited across exec.
+constexpr int kTimerFdFlags = TFD_NONBLOCK | TFD_CLOEXEC;
+
+// Readable, reported once per edge: every re-arm makes the next expiry a new edge.
+constexpr uint32_t kEvents = EPOLLIN | EPOLLET;
+
+// Flags of a setting relative to now, as opposed to TFD_TIMER_ABSTIME.
+constexpr int kRelative = 0;
+
+// The descriptor's fdsan owner: the address of the member that holds it.
+unsigned long ownerOf(const int32_t* fd) {
+    return reinterpret_cast<unsigned long>(fd);
+}
+
+// What the standard library does, without exception support, where it would throw: it
+// says what would have been thrown and aborts. Spelled out here so that every standard
+// library gives the same message.
+[[noreturn]] void abortAsThrown(const char* exception) {
+    std::fprintf(stderr, "%s was thrown in -fno-exceptions mode\n", exception);
+    std::fflush(stderr);
+    std::abort();
+}
+
+// Seconds and nanoseconds as two plain decimals: 5 s and 1000 ns give "5.1000".
+std::string toString(timespec const& t) {
+    std::ostringstream out;
+    out << static_cast<long>(t.tv_sec) << "." << static_cast<long>(t.tv_nsec);
+    return out.str();
+}
+
+std::string toString(itimerspec const& t) {
+    std::ostringstream out;
+    out << "{"
+        << " .it_interval=" << toString(t.it_interval) << " .it_value=" << toString(t.it_value)
+        << " }";
+    return out.str();
+}
+
+}  // namespace
+
+Timer::Timer(const char* name, int clockid, std::function<void()> notify)
+    : mLogv(Utils::Properties::property_get_int32(kLogvProperty, kLogvDefault) != 0 ? 1 : 0),
+      mName(std::string(kNamePrefix) + (name != nullptr ? name : kUnnamed)),
+      mFd(System::TimerFDCreate(clockid, kTimerFdFlags, ownerOf(&mFd))),
+      mEvents(kEvents),
+      mNotifyTimeout(std::move(notify)) {
+    if (mFd < 0) TAVREL_FATAL("[%s] Bad fd:%d", __func__, mFd);
+    if (!mNotifyTimeout) TAVREL_FATAL("[%s] Bad mNotifyTimeout", __func__);
+}
+
+Timer::~Timer() {
+    System::Close(mFd, ownerOf(&mFd));
+}
+
+std::shared_ptr<Timer> Timer::strongSelf() {
+    std::shared_ptr<Timer> self = weak_from_this().lock();
+    if (self == nullptr) abortAsThrown("bad_weak_ptr");
+    return self;
+}
+
+int Timer::getEventFD() const {
+    return mFd;
+}
+
+std::string const& Timer::getEventName() const {
+    return mName;
+}
+
+uint32_t Timer::getEventType() const {
+    return mEvents;
+}
+
+void Timer::onEvent(IEventObserver::OnEvent const& /*event*/) {
+    // Keeps the Timer alive through the callback, which may drop its owner's reference.
+    std::shared_ptr<Timer> self = strongSelf();
+    if (self == nullptr) {
+        TAVREL_LOGW("[%s] Timer instance has gone", __func__);
+        return;
+    }
+    mNotifyTimeout();
+    enableEdgeTrigger();
+}
+
+void Timer::enableEdgeTrigger() {
+    itimerspec cur{};
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        const bool readOk = System::TimerFDGetTime(mFd, &cur) >= 0;
+        cur = rearmSetting(cur, readOk);
+        System::TimerFDSetTime(mFd, kRelative, &cur, nullptr);
+    }
+    TAVREL_CLASS_LOGV(mLogv, "[%s] %-7s: %s", __func__, mName.c_str(),
+                      NSTavrel::toString(cur).c_str());
+}
+
+void Timer::startTimerAbsoluteTime(const timespec* value, const timespec* interval) {
+    const itimerspec spec = {*interval, *value};
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        System::TimerFDSetTime(mFd, TFD_TIMER_ABSTIME, &spec, nullptr);
+    }
+    TAVREL_CLASS_LOGV(mLogv, "[%s] %-7s: %s", __func__, mName.c_str(),
+                      NSTavrel::toString(spec).c_str());
+}
+
+void Timer::stopTimer() {
+    const itimerspec zero{};
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        System::TimerFDSetTime(mFd, kRelative, &zero, nullptr);
+    }
+    TAVREL_CLASS_LOGV(mLogv, "[%s] %-7s: %s", __func__, mName.c_str(),
+                      NSTavrel::toString(zero).c_str());
+}
+
+std::string Timer::toString() const {
+    std::ostringstream out;
+    out << "{ " << mName << " .fd=" << mFd << " .event=" << std::hex << mEvents << " }";
+    return out.str();
+}
+
+void Timer::dumpState(NSCam::IPrinter* printer) const {
+    printer->printFormatLine("%s", toString().c_str());
+}
+
+}  // namespace NSCam::NSTavrel
