@@ -1,0 +1,76 @@
+#!/bin/bash
+# Gets what the driver test in a virtual machine needs: qemu, kmod and cpio as installed
+# packages, and a stock kernel with its media modules plus a static busybox unpacked into
+# a cache folder. The kernel and busybox are only unpacked, never installed: the host's
+# own kernel and shell stay untouched. Quiet and idempotent; reuses the cache when present.
+set -euo pipefail
+
+CACHE="${TAVREL_VM_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/tavrel-vm}"
+
+log() { echo "vm/prepare: $*" >&2; }
+
+# Packages run on the host. apt-get update only when something is missing, since it is slow.
+missing=()
+for pkg in qemu-system-x86 kmod cpio; do
+  if ! dpkg -s "$pkg" 2>/dev/null | grep -q '^Status: install ok installed'; then
+    missing+=("$pkg")
+  fi
+done
+if ((${#missing[@]})); then
+  log "installing ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt_log=$(mktemp)
+  # Shows apt's chatter only when it fails.
+  if ! { apt-get update -qq && apt-get install -y -qq --no-install-recommends \
+    "${missing[@]}"; } >"$apt_log" 2>&1; then
+    cat "$apt_log" >&2
+    rm -f "$apt_log"
+    exit 1
+  fi
+  rm -f "$apt_log"
+fi
+
+# The generic kernel: the cloud flavour is built without the media drivers. Its version
+# comes from the meta-package, since older versions leave the archive.
+kpkg=$(apt-cache depends linux-image-amd64 2>/dev/null |
+  sed -n 's/^ *Depends: \(linux-image-[0-9].*-amd64\)$/\1/p' | head -n1)
+if [[ -z "$kpkg" ]]; then
+  log "no kernel package behind linux-image-amd64 (run apt-get update?)"
+  exit 1
+fi
+kver=${kpkg#linux-image-}
+
+mkdir -p "$CACHE"
+tmp=$(mktemp -d "$CACHE/.dl.XXXXXX")
+trap 'rm -rf "$tmp"' EXIT
+# apt-get download fetches as the unprivileged _apt user when that user can write here.
+chmod 0755 "$tmp"
+if id _apt >/dev/null 2>&1; then chown _apt "$tmp"; fi
+
+# Unpacks only the kernel image, the media modules and the module indexes: the whole
+# package is several hundred megabytes unpacked.
+kdir="$CACHE/kernel-$kver"
+if [[ ! -f "$kdir/.complete" ]]; then
+  log "fetching $kpkg"
+  rm -rf "$kdir"
+  (cd "$tmp" && apt-get download -qq "$kpkg")
+  mkdir -p "$kdir"
+  dpkg-deb --fsys-tarfile "$tmp"/"$kpkg"_*.deb |
+    tar -x -C "$kdir" --wildcards \
+      "./boot/vmlinuz-$kver" \
+      "./lib/modules/$kver/kernel/drivers/media/*" \
+      "./lib/modules/$kver/modules.*"
+  touch "$kdir/.complete"
+fi
+
+bdir="$CACHE/busybox"
+if [[ ! -f "$bdir/.complete" ]]; then
+  log "fetching busybox-static"
+  rm -rf "$bdir"
+  (cd "$tmp" && apt-get download -qq busybox-static)
+  dpkg-deb -x "$tmp"/busybox-static_*.deb "$bdir"
+  touch "$bdir/.complete"
+fi
+
+# run.sh reads the version from here rather than asking apt again.
+echo "$kver" >"$CACHE/kernel-version"

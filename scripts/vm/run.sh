@@ -1,0 +1,129 @@
+#!/bin/bash
+# Runs one test program inside a throw-away virtual machine whose kernel has the virtual
+# video driver loaded, so that the driver wrappers meet a real V4L2 and media-request
+# implementation instead of mocks. Usage: run.sh TEST_PROGRAM [ARGS...]
+#
+# Builds an initramfs (busybox, the media modules, the program and every library ldd
+# lists), boots it under qemu with software emulation, prints the program's part of the
+# serial log and exits with the program's exit status. qemu exits 0 whatever happens
+# inside, so the status travels back as a marker line on the serial console.
+#
+# Environment: TAVREL_VM_CACHE (kernel/busybox cache, as prepare.sh), TAVREL_VM_TIMEOUT
+# (seconds the program may run inside, default 180), TAVREL_VM_SMP (default 1),
+# TAVREL_VM_KEEP=1 keeps the work folder for inspection.
+set -euo pipefail
+
+if (($# < 1)); then
+  echo "usage: $0 TEST_PROGRAM [ARGS...]" >&2
+  exit 2
+fi
+prog=$(readlink -f "$1")
+shift
+[[ -x "$prog" ]] || { echo "vm/run: $prog is not an executable" >&2; exit 2; }
+
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+CACHE="${TAVREL_VM_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/tavrel-vm}"
+inner_timeout=${TAVREL_VM_TIMEOUT:-180}
+# Boot and module loading take ~10 s under emulation on a quiet machine; leave room for a
+# busy one on top of the program's own limit.
+outer_timeout=$((inner_timeout + 90))
+smp=${TAVREL_VM_SMP:-1}
+
+# Idempotent and quiet once everything is there.
+TAVREL_VM_CACHE="$CACHE" "$here/prepare.sh"
+kver=$(cat "$CACHE/kernel-version")
+kdir="$CACHE/kernel-$kver"
+kernel="$kdir/boot/vmlinuz-$kver"
+busybox="$CACHE/busybox/bin/busybox"
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/tavrel-vm.XXXXXX")
+if [[ "${TAVREL_VM_KEEP:-0}" == 1 ]]; then
+  echo "vm/run: keeping $work" >&2
+else
+  trap 'rm -rf "$work"' EXIT
+fi
+root="$work/root"
+mkdir -p "$root"/{bin,dev,proc,sys,tmp,test}
+cp "$busybox" "$root/bin/busybox"
+
+# The modules vivid needs, in the order kmod resolves them, copied at their usual paths so
+# that depmod indexes them and busybox modprobe can load vivid by name inside.
+modprobe -d "$kdir" -S "$kver" --show-depends vivid |
+  awk '$1 == "insmod" { print $2 }' >"$work/modules"
+[[ -s "$work/modules" ]] || { echo "vm/run: no modules for vivid in $kdir" >&2; exit 1; }
+while read -r ko; do
+  rel=${ko#"$kdir"/}
+  mkdir -p "$root/$(dirname "$rel")"
+  cp "$ko" "$root/$rel"
+done <"$work/modules"
+# depmod wants to know what is built in, and warns without it.
+cp "$kdir/lib/modules/$kver"/modules.{order,builtin,builtin.modinfo} "$root/lib/modules/$kver/"
+depmod -b "$root" "$kver"
+
+# The program and its libraries at the paths ldd printed (Android's libraries sit in a
+# folder of their own that binaries reach through their runpath).
+cp "$prog" "$root/test/"
+libdirs=()
+while read -r lib; do
+  cp -L --parents "$lib" "$root/"
+  libdirs+=("$(dirname "$lib")")
+done < <(ldd "$prog" | awk '/=> \// { print $3 } /^\t\// { print $1 }')
+# Every folder holding a copied library, for the loader: the image has no ld.so.cache.
+ld_path=$(printf '%s\n' "${libdirs[@]}" | sort -u | paste -sd:)
+
+# Quoted for the shell inside; arguments travel as single-quoted words.
+args=""
+for a in "$@"; do
+  args+=" '${a//\'/\'\\\'\'}'"
+done
+name=$(basename "$prog")
+
+cat >"$root/init" <<INIT
+#!/bin/busybox sh
+/bin/busybox --install -s /bin
+export PATH=/bin HOME=/tmp LD_LIBRARY_PATH=$ld_path
+mount -t proc proc /proc
+mount -t sysfs sysfs /sys
+mount -t devtmpfs devtmpfs /dev
+mount -t tmpfs tmpfs /tmp
+# modprobe succeeds even when the driver's probe fails: the nodes are the real evidence.
+modprobe vivid
+n=0
+while [ ! -e /dev/media0 ] || [ ! -e /dev/video1 ]; do
+  n=\$((n + 1))
+  if [ \$n -gt 100 ]; then echo "vivid nodes missing: \$(ls /dev)"; break; fi
+  sleep 0.1
+done
+cd /tmp
+# The console's reset sequence may still share the line: start the marker on a fresh one.
+echo
+echo "==== tavrel-vm: begin $name"
+timeout $inner_timeout /test/$name$args
+echo "==== tavrel-vm: end exit=\$?"
+poweroff -f
+INIT
+chmod +x "$root/init"
+
+(cd "$root" && find . -print0 | cpio --null -o -H newc --quiet) | gzip -1 >"$work/initrd.gz"
+
+log="$work/serial.log"
+start=$(date +%s)
+set +e
+timeout "$outer_timeout" qemu-system-x86_64 -accel tcg -cpu max -smp "$smp" -m 512M \
+  -nographic -monitor none -serial "file:$log" -no-reboot \
+  -kernel "$kernel" -initrd "$work/initrd.gz" \
+  -append "console=ttyS0 panic=-1 quiet" </dev/null >"$work/qemu.out" 2>&1
+qemu_status=$?
+set -e
+echo "vm/run: virtual machine ran $(($(date +%s) - start)) s (qemu status $qemu_status)" >&2
+
+# The program's own output, without the boot chatter before it.
+tr -d '\r' <"$log" | sed -n '/==== tavrel-vm: begin/,/^==== tavrel-vm: end/p'
+status=$(tr -d '\r' <"$log" | sed -n 's/^==== tavrel-vm: end exit=\([0-9]\{1,3\}\)$/\1/p' | tail -n1)
+if [[ -z "$status" ]]; then
+  echo "vm/run: no exit marker on the serial console; its last lines:" >&2
+  tr -d '\r' <"$log" | tail -n 40 >&2
+  cat "$work/qemu.out" >&2
+  exit 1
+fi
+exit "$status"
