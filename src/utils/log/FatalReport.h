@@ -18,8 +18,7 @@ template <typename... Args>
 [[noreturn]] __attribute__((noinline)) void assertionReport(const Site& site, int line,
                                                             const char* function,
                                                             const char* format,
-                                                            const char* longFormat,
-                                                            Args... args) {
+                                                            const char* longFormat, Args... args) {
     if (unifiedRouteOn()) {
         writeUnified(site.tag, routeOf(Level::kError).unifiedLevel, format, args...);
         ULogger::sULogger.load(std::memory_order_acquire)->flush(1);
@@ -37,17 +36,20 @@ void driverReport(const char* format, int err);
 }  // namespace NSCam::NSTavrel::Log
 
 // Ends the process after a broken invariant. `function` names the statement's function.
-#define TAVREL_FATAL_IN(function, format, ...)                                         \
-    do {                                                                              \
-        if (false) ::NSCam::NSTavrel::Log::checkFormat(format, __VA_ARGS__);          \
-        ::NSCam::NSTavrel::Log::assertionReport(kLogSite, __LINE__, function, format, \
-                                                format TAVREL_ERROR_SUFFIX,           \
-                                                __VA_ARGS__);                         \
+#define TAVREL_FATAL_IN(function, format, ...)                                            \
+    do {                                                                                  \
+        if (false) ::NSCam::NSTavrel::Log::checkFormat(format, __VA_ARGS__);              \
+        ::NSCam::NSTavrel::Log::assertionReport(kLogSite, __LINE__, function, format,     \
+                                                format TAVREL_ERROR_SUFFIX, __VA_ARGS__); \
     } while (0)
 
 #define TAVREL_FATAL(format, ...) TAVREL_FATAL_IN(__func__, format, __VA_ARGS__)
 
-// `request` is the request's name as a literal, e.g. "VIDIOC_QBUF"; `err` the saved errno.
-#define TAVREL_DRIVER_REPORT(request, err)                                                  \
-    ::NSCam::NSTavrel::Log::driverReport(                                                    \
-        request " err=%d(%s) Please check VarnokKernel.\nCRDISPATCH_KEY:VarnokKernel", err)
+// The driver report's format for `request`, the request's name as a literal, e.g.
+// "VIDIOC_QBUF".
+#define TAVREL_DRIVER_FORMAT(request) \
+    request " err=%d(%s) Please check VarnokKernel.\nCRDISPATCH_KEY:VarnokKernel"
+
+// `err` is the saved errno.
+#define TAVREL_DRIVER_REPORT(request, err) \
+    ::NSCam::NSTavrel::Log::driverReport(TAVREL_DRIVER_FORMAT(request), err)

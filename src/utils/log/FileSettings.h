@@ -20,14 +20,14 @@ inline bool loadVerboseDetails() {
 
 inline int32_t loadCameraLogLevel() {
     return NSCam::Utils::Properties::property_get_int32(kCameraLogLevelProperty,
-                                                         kCameraLogLevelUnset);
+                                                        kCameraLogLevelUnset);
 }
 
 }  // namespace NSCam::NSTavrel::Log
 
 // Defines the file's sVerboseDetails and sCameraLogLevel.
-#define TAVREL_DEFINE_FILE_SETTINGS()                                                   \
-    [[maybe_unused]] static const bool sVerboseDetails =                               \
-        ::NSCam::NSTavrel::Log::loadVerboseDetails();                                  \
-    [[maybe_unused]] static const int32_t sCameraLogLevel =                            \
+#define TAVREL_DEFINE_FILE_SETTINGS()                       \
+    [[maybe_unused]] static const bool sVerboseDetails =    \
+        ::NSCam::NSTavrel::Log::loadVerboseDetails();       \
+    [[maybe_unused]] static const int32_t sCameraLogLevel = \
         ::NSCam::NSTavrel::Log::loadCameraLogLevel()

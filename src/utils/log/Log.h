@@ -25,10 +25,14 @@ struct LevelRoute {
 
 constexpr LevelRoute routeOf(Level level) {
     switch (level) {
-        case Level::kError: return {CAM_DEBUG_ERROR, 1};
-        case Level::kWarning: return {CAM_DEBUG_WARNING, 2};
-        case Level::kInfo: return {CAM_DEBUG_INFO, 3};
-        case Level::kVerbose: break;
+        case Level::kError:
+            return {CAM_DEBUG_ERROR, 1};
+        case Level::kWarning:
+            return {CAM_DEBUG_WARNING, 2};
+        case Level::kInfo:
+            return {CAM_DEBUG_INFO, 3};
+        case Level::kVerbose:
+            break;
     }
     return {CAM_DEBUG_VERBOSE, 5};
 }
@@ -56,8 +60,8 @@ inline bool detailsAdmit() {
 
 inline bool debugPrintRouteOn(cam_debug_level_t level) {
     return (loadSwitch(ULogger::sMode) & kDebugPrintRouteBit) != 0 &&
-           (g_logInfoLv[level].enableMask.load(std::memory_order_relaxed) &
-            kDebugPrintModuleBit) != 0;
+           (g_logInfoLv[level].enableMask.load(std::memory_order_relaxed) & kDebugPrintModuleBit) !=
+               0;
 }
 
 inline bool unifiedRouteOn() {
@@ -100,8 +104,8 @@ inline void statement(const Site& site, int line, const char* function, const ch
     constexpr LevelRoute route = routeOf(L);
     if (debugPrintRouteOn(route.debugLevel)) {
         if constexpr (L == Level::kError) {
-            writeDebugPrint(site, line, function, route.debugLevel, errorFormat, args...,
-                            function, line, site.path);
+            writeDebugPrint(site, line, function, route.debugLevel, errorFormat, args..., function,
+                            line, site.path);
         } else {
             writeDebugPrint(site, line, function, route.debugLevel, format, args...);
         }
@@ -117,12 +121,21 @@ __attribute__((format(printf, 1, 2))) inline void checkFormat(const char*, ...) 
 // The long form of an error line ends with the function, line and source path.
 #define TAVREL_ERROR_SUFFIX " (%s){#%d:%s}"
 
-#define TAVREL_LOG_AT(level, format, ...)                                                 \
+// `function` names the statement's function where __func__ would not (inside a lambda
+// that logs for the function that made it).
+#define TAVREL_LOG_IN(level, function, format, ...)                                        \
     do {                                                                                   \
         if (false) ::NSCam::NSTavrel::Log::checkFormat(format, __VA_ARGS__);               \
-        ::NSCam::NSTavrel::Log::statement<level>(kLogSite, __LINE__, __func__, format,     \
+        ::NSCam::NSTavrel::Log::statement<level>(kLogSite, __LINE__, function, format,     \
                                                  format TAVREL_ERROR_SUFFIX, __VA_ARGS__); \
     } while (0)
+
+#define TAVREL_LOG_AT(level, format, ...) TAVREL_LOG_IN(level, __func__, format, __VA_ARGS__)
+
+#define TAVREL_LOGE_IN(function, format, ...) \
+    TAVREL_LOG_IN(::NSCam::NSTavrel::Log::Level::kError, function, format, __VA_ARGS__)
+#define TAVREL_LOGW_IN(function, format, ...) \
+    TAVREL_LOG_IN(::NSCam::NSTavrel::Log::Level::kWarning, function, format, __VA_ARGS__)
 
 #define TAVREL_LOGE(format, ...) \
     TAVREL_LOG_AT(::NSCam::NSTavrel::Log::Level::kError, format, __VA_ARGS__)

@@ -7,23 +7,27 @@
 
 namespace NSCam::NSTavrel::Trace {
 
-constexpr uint64_t bit(unsigned n) { return uint64_t{1} << n; }
+constexpr uint64_t bit(unsigned n) {
+    return uint64_t{1} << n;
+}
 
+// No category: a trace point under it never fires (calls that are not traced).
+inline constexpr uint64_t kNone = 0;
 // Category bits, one per family of trace points.
-inline constexpr uint64_t kFileCalls = bit(0);          // file, directory, descriptor creation
-inline constexpr uint64_t kEventCalls = bit(1);         // epoll and timerfd calls
-inline constexpr uint64_t kStatIoctl = bit(2);          // Stat, Ioctl, AddIova, DelIova
-inline constexpr uint64_t kMonitorLife = bit(4);        // monitor lifecycle and interrupt
-inline constexpr uint64_t kMediaAlloc = bit(5);         // AllocMediaRequest
-inline constexpr uint64_t kMediaQueue = bit(8);         // QueueMediaRequest
-inline constexpr uint64_t kQueueBuf = bit(9);           // QueueVideoNodeBuf
-inline constexpr uint64_t kAttachModify = bit(10);      // attach and modify
-inline constexpr uint64_t kHandleEvents = bit(12);      // handleEvents, tryEpoll
-inline constexpr uint64_t kDispatch = bit(13);          // per-observer dispatch, DQueueVideoNodeBuf
-inline constexpr uint64_t kDetach = bit(14);            // detach
-inline constexpr uint64_t kDQueueEvent = bit(32);       // DQueueEvent
-inline constexpr uint64_t kObserverCounter = bit(36);   // observer-count counter
-inline constexpr uint64_t kObserverSpan = bit(37);      // per-descriptor async span
+inline constexpr uint64_t kFileCalls = bit(0);         // file, directory, descriptor creation
+inline constexpr uint64_t kEventCalls = bit(1);        // epoll and timerfd calls
+inline constexpr uint64_t kStatIoctl = bit(2);         // Stat, Ioctl, AddIova, DelIova
+inline constexpr uint64_t kMonitorLife = bit(4);       // monitor lifecycle and interrupt
+inline constexpr uint64_t kMediaAlloc = bit(5);        // AllocMediaRequest
+inline constexpr uint64_t kMediaQueue = bit(8);        // QueueMediaRequest
+inline constexpr uint64_t kQueueBuf = bit(9);          // QueueVideoNodeBuf
+inline constexpr uint64_t kAttachModify = bit(10);     // attach and modify
+inline constexpr uint64_t kHandleEvents = bit(12);     // handleEvents, tryEpoll
+inline constexpr uint64_t kDispatch = bit(13);         // per-observer dispatch, DQueueVideoNodeBuf
+inline constexpr uint64_t kDetach = bit(14);           // detach
+inline constexpr uint64_t kDQueueEvent = bit(32);      // DQueueEvent
+inline constexpr uint64_t kObserverCounter = bit(36);  // observer-count counter
+inline constexpr uint64_t kObserverSpan = bit(37);     // per-descriptor async span
 
 // The atrace tag that must be on for any of them.
 inline constexpr uint64_t kCameraTag = 0x400;
