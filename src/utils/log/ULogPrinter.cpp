@@ -1,0 +1,78 @@
+#include "utils/log/ULogPrinter.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "tavrel/platform/ULogger.h"
+#include "utils/log/LogSite.h"
+
+namespace NSCam::Utils::ULog {
+
+namespace {
+
+// From this level on, a line also needs its module enabled in the details mask.
+constexpr uint32_t kModuleCheckedLevel = 5;
+// The two halves of a module id that must both be enabled.
+constexpr uint32_t kModuleGroupBits = 0xfff00000;
+constexpr uint32_t kModuleUnitBits = 0x000ff000;
+
+// Copies `tag` into `out`, cut to fit and terminated; returns `out`.
+const char* copyTag(char* out, size_t size, const char* tag) {
+    std::snprintf(out, size, "%s", tag);
+    return out;
+}
+
+uint32_t loadSwitch(const std::atomic<uint32_t>& value) {
+    return value.load(std::memory_order_relaxed);
+}
+
+}  // namespace
+
+ULogPrinter::ULogPrinter(const char* tag, uint32_t moduleId, uint32_t level,
+                         android_LogPriority priority, const char* prefix, bool ignoreBlankLines)
+    : mLevel(level),
+      mModuleId(moduleId),
+      mTag(),
+      mLogPrinter(copyTag(mTag, sizeof(mTag), tag), priority, prefix, ignoreBlankLines) {}
+
+ULogPrinter::~ULogPrinter() = default;
+
+bool ULogPrinter::wanted() const {
+    if (loadSwitch(ULogger::sDetailsLevel) < mLevel) return false;
+    if (mLevel < kModuleCheckedLevel) return true;
+    const uint32_t module = mModuleId & loadSwitch(ULogger::sNormalDetailsMask);
+    return (module & kModuleGroupBits) != 0 && (module & kModuleUnitBits) != 0;
+}
+
+void ULogPrinter::write(const char* text, int length) {
+    const uint32_t mode = loadSwitch(ULogger::sMode);
+    if ((mode & NSTavrel::Log::kDebugPrintRouteBit) != 0) mLogPrinter.printLine(text);
+    if ((mode & NSTavrel::Log::kUnifiedRouteBits) != 0) {
+        ULogger::sULogger.load(std::memory_order_acquire)
+            ->writeLine(mModuleId, mTag, static_cast<int>(mLevel), text, length);
+    }
+}
+
+void ULogPrinter::printLine(const char* line) {
+    if (!wanted()) return;
+    write(line, static_cast<int>(std::strlen(line)));
+}
+
+void ULogPrinter::printFormatLine(const char* format, ...) {
+    if (!wanted()) return;
+    char text[NSTavrel::Log::kLineSize] = {};
+    va_list args;
+    va_start(args, format);
+    // The untruncated length is passed on as it is, even past the buffer.
+    int length = std::vsnprintf(text, sizeof(text), format, args);
+    va_end(args);
+    if (length < 0) {
+        text[0] = '\0';
+        length = 0;
+    }
+    text[sizeof(text) - 1] = '\0';
+    write(text, length);
+}
+
+}  // namespace NSCam::Utils::ULog
