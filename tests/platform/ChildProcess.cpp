@@ -1,0 +1,113 @@
+#include "ChildProcess.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "tavrel/platform/UniqueFd.h"
+
+extern char** environ;
+
+namespace tavrel::test {
+namespace {
+
+constexpr const char* kModeEnv = "TAVREL_PLATFORM_TEST_CHILD";
+constexpr const char* kSelf = "/proc/self/exe";
+constexpr mode_t kFileMode = 0600;
+constexpr int kExecFailedStatus = 127;
+
+// Whether `entry` ("NAME=value") names a variable that one of `entries` sets anew.
+bool overridden(const char* entry, const std::vector<std::string>& entries) {
+    for (const std::string& other : entries) {
+        const size_t nameEnd = other.find('=') + 1;
+        if (std::strncmp(entry, other.c_str(), nameEnd) == 0) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+TempDir::TempDir() {
+    const char* base = std::getenv("TMPDIR");
+    std::string templ = std::string(base != nullptr ? base : "/tmp") + "/tavrel-plat-XXXXXX";
+    if (mkdtemp(templ.data()) != nullptr) mPath = templ;
+}
+
+TempDir::~TempDir() {
+    if (mPath.empty()) return;
+    std::error_code ignored;
+    std::filesystem::remove_all(mPath, ignored);
+}
+
+std::string TempDir::write(const std::string& name, const std::string& content) const {
+    const std::string file = mPath + "/" + name;
+    std::ofstream(file) << content;
+    return file;
+}
+
+ChildMode::ChildMode(const char* name, void (*body)()) {
+    const char* wanted = std::getenv(kModeEnv);
+    if (wanted == nullptr || std::strcmp(wanted, name) != 0) return;
+    body();
+    std::fflush(nullptr);
+    _exit(0);
+}
+
+ChildResult runChild(const std::string& mode, const std::vector<std::string>& env,
+                     const TempDir& dir) {
+    // Everything the child needs is built before fork: only async-signal-safe calls
+    // are made between fork and exec.
+    std::vector<std::string> entries = env;
+    entries.push_back(std::string(kModeEnv) + "=" + mode);
+    std::vector<char*> envp;
+    for (char** e = environ; *e != nullptr; ++e) {
+        if (!overridden(*e, entries)) envp.push_back(*e);
+    }
+    for (std::string& entry : entries) envp.push_back(entry.data());
+    envp.push_back(nullptr);
+    char self[] = "platform_tests_child";
+    char* argv[] = {self, nullptr};
+    const std::string outPath = dir.path() + "/child.out";
+    const std::string errPath = dir.path() + "/child.err";
+    host::UniqueFd out(
+        ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
+    host::UniqueFd err(
+        ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
+    ChildResult result;
+    if (!out.ok() || !err.ok()) return result;
+    result.pid = fork();
+    if (result.pid == 0) {
+        dup2(out.get(), STDOUT_FILENO);
+        dup2(err.get(), STDERR_FILENO);
+        execve(kSelf, argv, envp.data());
+        _exit(kExecFailedStatus);
+    }
+    if (result.pid < 0) return result;
+    waitpid(result.pid, &result.status, 0);
+    result.out = readFile(outPath);
+    result.err = readFile(errPath);
+    return result;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+std::vector<std::string> splitLines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+}  // namespace tavrel::test

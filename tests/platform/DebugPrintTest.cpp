@@ -1,0 +1,140 @@
+#include <android/log.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "tavrel/platform/DebugPrint.h"
+
+namespace tavrel::test {
+namespace {
+
+constexpr uint64_t kModuleBit = uint64_t{1} << 55;
+constexpr size_t kLineLimit = 1023;
+
+struct SinkRecord {
+    std::mutex mutex;                       // guards lines
+    std::vector<std::string> lines;         // "tag|level|text" per call
+    std::atomic<bool> removed{false};       // set once the sink was taken away
+    std::atomic<int> callsAfterRemoval{0};  // calls that arrived after removal
+};
+
+void recordLine(void* cookie, const char* tag, cam_debug_level_t level, const char* text) {
+    auto* record = static_cast<SinkRecord*>(cookie);
+    if (record->removed.load()) record->callsAfterRemoval.fetch_add(1);
+    std::lock_guard<std::mutex> lock(record->mutex);
+    record->lines.push_back(std::string(tag) + "|" + std::to_string(level) + "|" + text);
+}
+
+void printLine(void*, const char* tag, cam_debug_level_t level, const char* text) {
+    std::printf("sink %s %d %s\n", tag, static_cast<int>(level), text);
+}
+
+// Prints the masks, then one line per level to the Android log (which is told to let
+// verbose lines through), one to a sink, and one after the sink was removed.
+void logToAndroid() {
+    for (const LogInfoLevel& record : g_logInfoLv) {
+        std::printf("mask=0x%llx\n", static_cast<unsigned long long>(record.enableMask.load()));
+    }
+    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+    log_dbg_print("tavrel-test", CAM_DEBUG_VERBOSE, "verbose %d", 0);
+    log_dbg_print("tavrel-test", CAM_DEBUG_ERROR, "error %s", "one");
+    log_dbg_print("tavrel-test", CAM_DEBUG_WARNING, "warning %c", '2');
+    log_dbg_print("tavrel-test", CAM_DEBUG_INFO, "info %x", 0x3f);
+    host::setDebugPrintSink(printLine, nullptr);
+    log_dbg_print("tavrel-test", CAM_DEBUG_INFO, "to the sink");
+    host::setDebugPrintSink(nullptr, nullptr);
+    log_dbg_print("tavrel-test", CAM_DEBUG_INFO, "after the sink");
+}
+const ChildMode kAndroidMode("dbgprint-android", logToAndroid);
+
+ChildResult runAndroidChild(const std::string& properties) {
+    TempDir dir;
+    return runChild("dbgprint-android", {"TAVREL_PROPERTIES=" + dir.write("dbg.prop", properties)},
+                    dir);
+}
+
+TEST(DebugPrintTest, LinesReachTheAndroidLogAtTheLevelsPriorityUnlessASinkIsInstalled) {
+    const ChildResult child = runAndroidChild("");
+    ASSERT_TRUE(WIFEXITED(child.status));
+    EXPECT_EQ(0, WEXITSTATUS(child.status));
+    EXPECT_EQ(
+        "mask=0x80000000000000\nmask=0x80000000000000\nmask=0x80000000000000\n"
+        "mask=0x80000000000000\nsink tavrel-test 3 to the sink\n",
+        child.out);
+    static const std::regex kAndroidLine(
+        R"(tavrel-test ([VEWI]) \d{2}-\d{2} \d{2}:\d{2}:\d{2} +(\d+) +(\d+) (.*))");
+    const std::vector<std::string> expected = {"V verbose 0", "E error one", "W warning 2",
+                                               "I info 3f", "I after the sink"};
+    const std::vector<std::string> lines = splitLines(child.err);
+    ASSERT_EQ(expected.size(), lines.size()) << child.err;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        std::smatch match;
+        ASSERT_TRUE(std::regex_match(lines[i], match, kAndroidLine)) << lines[i];
+        EXPECT_EQ(std::to_string(child.pid), match[2]);
+        EXPECT_EQ(std::to_string(child.pid), match[3]);
+        EXPECT_EQ(expected[i], match[1].str() + " " + match[4].str());
+    }
+}
+
+TEST(DebugPrintTest, ModulesPropertySetsEveryLevelsMaskAndBadValuesKeepTheDefault) {
+    const ChildResult set = runAndroidChild("tavrel.host.dbgprint.modules=0x3\n");
+    EXPECT_EQ("mask=0x3\nmask=0x3\nmask=0x3\nmask=0x3\nsink tavrel-test 3 to the sink\n", set.out);
+    const ChildResult bad = runAndroidChild("tavrel.host.dbgprint.modules=lots\n");
+    EXPECT_EQ(
+        "mask=0x80000000000000\nmask=0x80000000000000\nmask=0x80000000000000\n"
+        "mask=0x80000000000000\nsink tavrel-test 3 to the sink\n",
+        bad.out);
+}
+
+TEST(DebugPrintTest, SinkGetsFormattedLinesCutAt1023AndPrefixesHoldNoPercent) {
+    SinkRecord record;
+    host::setDebugPrintSink(recordLine, &record);
+    log_dbg_print("tag-a", CAM_DEBUG_ERROR, "[%s] fd:%d", "Read", 3);
+    log_dbg_print("tag-b", CAM_DEBUG_VERBOSE, "%s", std::string(2000, 'x').c_str());
+    host::setDebugPrintSink(nullptr, nullptr);
+    ASSERT_EQ(2u, record.lines.size());
+    EXPECT_EQ("tag-a|1|[Read] fd:3", record.lines[0]);
+    EXPECT_EQ("tag-b|0|" + std::string(kLineLimit, 'x'), record.lines[1]);
+    for (const LogInfoLevel& level : g_logInfoLv) {
+        ASSERT_NE(nullptr, level.prefix);
+        EXPECT_EQ(nullptr, std::strchr(level.prefix, '%'));
+    }
+}
+
+TEST(DebugPrintTest, RemovedSinkIsNeverCalledAgainWhileOthersLog) {
+    constexpr int kRounds = 500;
+    std::atomic<bool> done{false};
+    std::thread logger([&done] {
+        // Verbose lines that find no sink are dropped by the Android log's default level.
+        while (!done.load()) log_dbg_print("tag-c", CAM_DEBUG_VERBOSE, "busy");
+    });
+    for (int i = 0; i < kRounds; ++i) {
+        SinkRecord record;
+        host::setDebugPrintSink(recordLine, &record);
+        host::setDebugPrintSink(nullptr, nullptr);
+        record.removed.store(true);
+        EXPECT_EQ(0, record.callsAfterRemoval.load());
+    }
+    done.store(true);
+    logger.join();
+}
+
+TEST(DebugPrintTest, FileTextIsTheBaseNameWithoutPercent) {
+    EXPECT_STREQ("SystemCall", get_filename_log_control("src/utils/sys/SystemCall"));
+    EXPECT_STREQ("Timer.cpp", get_filename_log_control("Timer.cpp"));
+    EXPECT_STREQ("b_c_", get_filename_log_control("a%/dir/b%c%"));
+    EXPECT_STREQ("", get_filename_log_control("dir/"));
+    EXPECT_STREQ("", get_filename_log_control(nullptr));
+}
+
+}  // namespace
+}  // namespace tavrel::test
