@@ -22,6 +22,11 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/TavrelSysConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/TavrelSysConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/TavrelSys)
 
+# The .pc file finds its prefix from its own folder, so that the installed tree can be
+# moved or installed with a different --prefix than the one configured.
+file(RELATIVE_PATH TAVREL_PC_PREFIX_FROM_PCFILEDIR "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig"
+  "/prefix")
+string(REGEX REPLACE "/$" "" TAVREL_PC_PREFIX_FROM_PCFILEDIR "${TAVREL_PC_PREFIX_FROM_PCFILEDIR}")
 configure_file(cmake/tavrel-sys.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tavrel-sys.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tavrel-sys.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
