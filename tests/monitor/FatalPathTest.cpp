@@ -1,0 +1,116 @@
+// Every way the monitor ends the process: misuse of the registry dumps the state under the
+// operation's name first; broken dispatch invariants report at once.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+
+#include "monitor/MonitorTestSupport.h"
+#include "tavrel/platform/ULogger.h"
+
+namespace tavrel::test {
+namespace {
+
+using NSCam::Utils::ULog::ULogger;
+using testing::AllOf;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::Not;
+
+// Descriptor numbers far above what the test program opens, so that they are the same in
+// the re-run child of a death test.
+constexpr int kFirstFd = 200;
+constexpr int kSecondFd = 201;
+
+// The Android-log route only: the error printer's lines then carry their prefix.
+void useAndroidLogRoute() {
+    ULogger::sMode.store(1);
+}
+
+std::string configLine(const std::string& prefix) {
+    return errorPrinterLine(prefix,
+                            "P2DrvEP-fatal: logv:0 { P2DrvEP-fatal .mEpollFd=@N .mEventFd=@N }");
+}
+
+TEST(MonitorFatalPath, SecondAttachOfADescriptorDumpsAndEnds) {
+    EXPECT_DEATH(
+        {
+            useAndroidLogRoute();
+            auto monitor = makeMonitor("fatal");
+            EventFdObserver observer(kFirstFd);
+            monitor->attach(&observer, EPOLLIN);
+            monitor->attach(&observer, EPOLLIN);
+        },
+        ContainsRegex(errorPrinterLine("attach", "(200, @P) has existed") + ".*" +
+                      configLine("attach") + ".*" +
+                      errorPrinterLine("attach",
+                                       "    { #attach=2 #detach=0 .mActive=1 "
+                                       ".mFdObserverMap={ attach=[ (200, @P) ] } }") +
+                      ".*" + fatalLine("attach", "[attach] FATAL")));
+}
+
+TEST(MonitorFatalPath, UnknownDetachLeavesANullEntryInTheDump) {
+    EXPECT_DEATH(
+        {
+            useAndroidLogRoute();
+            auto monitor = makeMonitor("fatal");
+            EventFdObserver attached(kFirstFd);
+            EventFdObserver stranger(kSecondFd);
+            monitor->attach(&attached, EPOLLIN);
+            monitor->detach(&stranger);
+        },
+        ContainsRegex(errorPrinterLine("detach", "(201, @P) not found") + ".*" +
+                      configLine("detach") + ".*" +
+                      errorPrinterLine("detach",
+                                       "    { #attach=1 #detach=0 .mActive=1 "
+                                       ".mFdObserverMap={ attach=[ (200, @P) ] "
+                                       "detach=[ 201 ] } }") +
+                      ".*" + fatalLine("detach", "[detach] FATAL")));
+}
+
+// A detached descriptor keeps its null entry; the kernel refuses to modify it, and modify
+// prints the dump without a message line of its own.
+TEST(MonitorFatalPath, RefusedModifyDumpsWithoutMessageLine) {
+    EXPECT_DEATH(
+        {
+            useAndroidLogRoute();
+            auto monitor = makeMonitor("fatal");
+            EventFdObserver observer(kFirstFd);
+            monitor->attach(&observer, EPOLLIN);
+            monitor->detach(&observer);
+            monitor->modify(&observer, EPOLLIN | EPOLLET);
+        },
+        AllOf(ContainsRegex(configLine("modify") + ".*" +
+                            errorPrinterLine("modify",
+                                             "    { #attach=1 #detach=1 .mActive=1 "
+                                             ".mFdObserverMap={ detach=[ 200 ] } }") +
+                            ".*" + fatalLine("modify", "[modify] FATAL")),
+              Not(HasSubstr("modify(200"))));
+}
+
+TEST(MonitorFatalPath, ReadyEntryWithoutObserverEnds) {
+    EXPECT_DEATH(
+        {
+            auto monitor = makeMonitor("fatal");
+            EventFdObserver observer;
+            struct epoll_event event {};
+            event.events = EPOLLIN;
+            event.data.ptr = nullptr;
+            epoll_ctl(monitor->getEpollFd(), EPOLL_CTL_ADD, observer.getEventFD(), &event);
+            observer.signal();
+            monitor->threadLoop();
+        },
+        ContainsRegex(fatalLine("handleEvents", "[handleEvents] Bad observer")));
+}
+
+TEST(MonitorFatalPath, WaitOnAClosedEpollInstanceEnds) {
+    EXPECT_DEATH(
+        {
+            auto monitor = makeMonitor("fatal");
+            close(monitor->getEpollFd());
+            monitor->threadLoop();
+        },
+        ContainsRegex(fatalLine("tryEpoll", "[tryEpoll] err=-9(Bad file descriptor)")));
+}
+
+}  // namespace
+}  // namespace tavrel::test

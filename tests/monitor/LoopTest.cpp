@@ -1,0 +1,182 @@
+// The monitor thread: waking, interrupts, signals, per-event logs and teardown.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/epoll.h>
+
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <thread>
+
+#include "common/LogCapture.h"
+#include "monitor/MonitorTestSupport.h"
+#include "tavrel/platform/Properties.h"
+#include "tavrel/platform/ThreadDriver.h"
+
+namespace tavrel::test {
+namespace {
+
+using tavrel::host::ThreadDriver;
+
+bool contains(const std::vector<std::string>& lines, const std::string& line) {
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+// The unified route at info level, where the monitor's interrupt lines are written.
+LogSwitches infoLines() {
+    LogSwitches switches;
+    switches.mode = 0x2;
+    switches.detailsLevel = 3;
+    return switches;
+}
+
+// Whether thread `tid` sits in an epoll wait (x86-64 and arm64 numbers).
+bool inEpollWait(int tid) {
+    std::ifstream syscall("/proc/self/task/" + std::to_string(tid) + "/syscall");
+    long number = -1;
+    syscall >> number;
+#if defined(__x86_64__)
+    return number == 232 || number == 281;
+#else
+    return number == 22;
+#endif
+}
+
+int openDescriptorCount() {
+    int count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    while (dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
+    closedir(dir);
+    return count;
+}
+
+TEST(MonitorLoop, RequestExitBeforeTheThreadRunsEndsTheLoopAtOnce) {
+    auto monitor = makeMonitor("early");
+    monitor->requestExit();
+    EXPECT_FALSE(monitor->isActive());
+    EXPECT_FALSE(monitor->threadLoop());
+}
+
+// Each interrupt adds 0x40; one read takes all that are pending.
+TEST(MonitorLoop, InterruptReadsTheSumOfPendingRequests) {
+    LogCapture capture(infoLines());
+    auto monitor = makeMonitor("x");
+    monitor->requestExit();
+    monitor->requestExit();
+    monitor->onEvent({monitor.get(), EPOLLIN});
+    EXPECT_TRUE(contains(capture.unifiedTexts(), "[P2DrvEP-x] isInterruptEvent: 0x80"));
+
+    // Nothing pending: the read fails and the monitor only warns.
+    monitor->onEvent({monitor.get(), EPOLLIN});
+    EXPECT_TRUE(contains(capture.unifiedTexts(), "[P2DrvEP-x] isInterruptEvent: read(" +
+                                                     std::to_string(monitor->getEventFD()) +
+                                                     ") returns -11 != 8"));
+}
+
+TEST(MonitorLoop, RequestExitWakesAWaitingLoop) {
+    LogCapture capture(infoLines());
+    auto monitor = makeMonitor("x");
+    EventFdObserver observer;
+    std::atomic<int> monitorTid{0};
+    observer.setHook([&](IEventObserver::OnEvent const&) { monitorTid = gettid(); });
+    monitor->attach(&observer, EPOLLIN);
+    {
+        ThreadDriver driver(monitor);
+        observer.signal();
+        ASSERT_TRUE(observer.waitForEvents(1));
+        // Asked to exit only once it waits again, so that the interrupt wakes it.
+        while (!inEpollWait(monitorTid)) std::this_thread::yield();
+    }
+    EXPECT_FALSE(monitor->isActive());
+    EXPECT_TRUE(contains(capture.unifiedTexts(), "[P2DrvEP-x] isInterruptEvent: 0x40"));
+    monitor->detach(&observer);
+}
+
+std::atomic<int> sSignalsSeen{0};
+
+void countSignal(int) {
+    sSignalsSeen.fetch_add(1);
+}
+
+TEST(MonitorLoop, SignalDuringTheWaitDoesNotEndTheLoop) {
+    struct sigaction action {};
+    action.sa_handler = countSignal;  // no SA_RESTART: the wait fails with EINTR
+    struct sigaction previous {};
+    sigaction(SIGUSR1, &action, &previous);
+
+    auto monitor = makeMonitor("sig");
+    EventFdObserver observer;
+    std::atomic<int> monitorTid{0};
+    observer.setHook([&](IEventObserver::OnEvent const&) { monitorTid = gettid(); });
+    monitor->attach(&observer, EPOLLIN);
+    {
+        ThreadDriver driver(monitor);
+        observer.signal();
+        ASSERT_TRUE(observer.waitForEvents(1));
+        while (!inEpollWait(monitorTid)) std::this_thread::yield();
+        pthread_kill(driver.nativeHandle(), SIGUSR1);
+        while (sSignalsSeen.load() == 0) std::this_thread::yield();
+
+        EXPECT_TRUE(monitor->isActive());
+        observer.signal();
+        EXPECT_TRUE(observer.waitForEvents(2));
+    }
+    monitor->detach(&observer);
+    sigaction(SIGUSR1, &previous, nullptr);
+}
+
+TEST(MonitorLoop, LogvFramesEveryDispatch) {
+    constexpr const char* kLogv = "persist.vendor.camera.tavrel.EpollMonitor.logv";
+    LogCapture capture(infoLines());
+    tavrel::host::property_set(kLogv, "1");
+    auto monitor = makeMonitor("v");
+    tavrel::host::property_set(kLogv, nullptr);
+    EventFdObserver observer;
+    std::atomic<int> monitorTid{0};
+    observer.setHook([&](IEventObserver::OnEvent const&) { monitorTid = gettid(); });
+    const std::string fd = std::to_string(observer.getEventFD());
+    monitor->attach(&observer, EPOLLIN);
+    const std::string config = monitor->toString_config();
+    const std::string runtime = monitor->toString_runtime();
+    {
+        ThreadDriver driver(monitor);
+        observer.signal();
+        ASSERT_TRUE(observer.waitForEvents(1));
+        while (!inEpollWait(monitorTid)) std::this_thread::yield();
+    }
+    const std::vector<std::string> texts = capture.unifiedTexts();
+    EXPECT_TRUE(contains(texts, "[attach] (" + fd + ", " + pointerText(&observer) + ")"));
+    EXPECT_TRUE(contains(texts, "[handleEvents] + fd=" + fd + " events=0x1 observer=" +
+                                    pointerText(&observer) + " " + config + " " + runtime));
+    EXPECT_TRUE(contains(texts, "[handleEvents] - fd=" + fd + " events=0x1"));
+    // The interrupt that ends the loop is framed too.
+    const auto starts = [&](const std::string& head) {
+        return std::count_if(texts.begin(), texts.end(),
+                             [&](const std::string& t) { return t.rfind(head, 0) == 0; });
+    };
+    EXPECT_EQ(starts("[handleEvents] + fd="), 2);
+    EXPECT_EQ(starts("[handleEvents] - fd="), 2);
+    monitor->detach(&observer);
+}
+
+TEST(MonitorLoop, NoDescriptorOutlivesTheMonitor) {
+    const int before = openDescriptorCount();
+    makeMonitor("idle");
+    {
+        auto monitor = makeMonitor("ran");
+        EventFdObserver observer;
+        monitor->attach(&observer, EPOLLIN);
+        {
+            ThreadDriver driver(monitor);
+            observer.signal();
+            ASSERT_TRUE(observer.waitForEvents(1));
+        }
+        monitor->detach(&observer);
+    }
+    EXPECT_EQ(openDescriptorCount(), before);
+}
+
+}  // namespace
+}  // namespace tavrel::test
