@@ -1,0 +1,61 @@
+// One periodic Timer and the record of how late each of its callbacks ran.
+#pragma once
+
+#include <time.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tavrel/Timer.h"
+
+namespace tavrel::timerlat {
+
+class LatencyProbe {
+public:
+    // Any thread. Creates the timer, disarmed. `loops` 0: no limit.
+    LatencyProbe(int index, clockid_t clock, int64_t intervalNs, int64_t loops);
+
+    // The timer, to attach to a monitor.
+    const std::shared_ptr<NSCam::NSTavrel::Timer>& timer() const { return mTimer; }
+
+    // Any thread, once. Arms the timer to expire first at `firstDeadlineNs` on its clock.
+    void start(int64_t firstDeadlineNs);
+
+    // Any thread. Progress, for the live line.
+    int64_t count() const { return mCount.load(std::memory_order_relaxed); }
+    int64_t maxNs() const { return mMaxNs.load(std::memory_order_relaxed); }
+    bool done() const { return mDone.load(std::memory_order_acquire); }
+
+    // Only once the monitor thread has been joined.
+    const std::vector<int64_t>& latencies() const { return mLatencies; }
+    const std::vector<int64_t>& slips() const { return mSlips; }
+
+private:
+    // Monitor thread: the timer's callback.
+    void onExpiry();
+    // The deadline an expiry was due at, and the one the kernel has scheduled after it.
+    struct Reading {
+        int64_t deadlineNs;  // what the callback's latency is measured against
+        int64_t nextNs;      // before the re-arm moves it by its slip
+    };
+
+    // Monitor thread: reads both deadlines back from the timer; `wokeNs` is the wake-up.
+    Reading readDeadlines(int64_t wokeNs);
+
+    const clockid_t mClock;           // the timer's clock, also used to take the wake-up time
+    const int64_t mIntervalNs;        // the timer's period
+    const int64_t mLoops;             // expiries to record before stopping the timer; 0: all
+    int64_t mExpectedNs = 0;          // the deadline scheduled next, before the re-arm's slip
+    bool mFirst = true;               // the first expiry has no previous deadline to slip from
+    std::vector<int64_t> mLatencies;  // wake-up minus deadline, per expiry
+    std::vector<int64_t> mSlips;      // how far each re-arm moved the next deadline
+    std::atomic<int64_t> mCount{0};   // expiries recorded so far
+    std::atomic<int64_t> mMaxNs{0};   // largest latency so far
+    std::atomic<bool> mDone{false};   // mLoops reached and the timer stopped
+    std::shared_ptr<NSCam::NSTavrel::Timer> mTimer;  // the timer measured
+};
+
+}  // namespace tavrel::timerlat

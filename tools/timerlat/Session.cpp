@@ -1,0 +1,113 @@
+#include "Session.h"
+
+#include <time.h>
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "LatencyProbe.h"
+#include "tavrel/IEpollMonitor.h"
+#include "tavrel/IThreadLoop.h"
+#include "tavrel/platform/ThreadDriver.h"
+
+namespace tavrel::timerlat {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using NSCam::NSTavrel::IEpollMonitor;
+using NSCam::NSTavrel::IThreadLoop;
+
+constexpr int64_t kNsPerUs = 1000;
+constexpr int64_t kNsPerSec = 1000 * 1000 * 1000;
+// Time given to the monitor thread to start before the first deadline.
+constexpr int64_t kStartDelayNs = 20 * 1000 * 1000;
+// How often the run checks whether it is over.
+constexpr auto kPollPeriod = std::chrono::milliseconds(20);
+// How often the progress line is redrawn.
+constexpr auto kProgressPeriod = std::chrono::milliseconds(250);
+
+int64_t nowNs(clockid_t clock) {
+    timespec now{};
+    clock_gettime(clock, &now);
+    return int64_t{now.tv_sec} * kNsPerSec + now.tv_nsec;
+}
+
+double secondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+bool allDone(const std::vector<std::unique_ptr<LatencyProbe>>& probes) {
+    return std::all_of(probes.begin(), probes.end(), [](const auto& p) { return p->done(); });
+}
+
+void showProgress(std::ostream& out, double elapsedSec,
+                  const std::vector<std::unique_ptr<LatencyProbe>>& probes) {
+    int64_t count = 0;
+    int64_t maxNs = 0;
+    for (const auto& probe : probes) {
+        count += probe->count();
+        maxNs = std::max(maxNs, probe->maxNs());
+    }
+    printProgress(out, elapsedSec, count, maxNs);
+}
+
+// Waits on the caller's thread while the monitor's thread records.
+void waitForEnd(const Options& options, const std::atomic<bool>& interrupted,
+                std::ostream* progress, const std::vector<std::unique_ptr<LatencyProbe>>& probes,
+                Clock::time_point start) {
+    auto nextProgress = Clock::now();
+    for (;;) {
+        const double elapsedSec = secondsSince(start);
+        if (interrupted.load() || allDone(probes)) break;
+        if (options.durationSec > 0 && elapsedSec >= options.durationSec) break;
+        if (progress != nullptr && Clock::now() >= nextProgress) {
+            showProgress(*progress, elapsedSec, probes);
+            nextProgress += kProgressPeriod;
+        }
+        std::this_thread::sleep_for(kPollPeriod);
+    }
+    if (progress == nullptr) return;
+    showProgress(*progress, secondsSince(start), probes);
+    *progress << "\n";
+}
+
+}  // namespace
+
+SessionResult runSession(const Options& options, const std::atomic<bool>& interrupted,
+                         std::ostream* progress) {
+    std::shared_ptr<IEpollMonitor> monitor = IEpollMonitor::make("timerlat");
+    std::vector<std::unique_ptr<LatencyProbe>> probes;
+    for (int i = 0; i < options.timers; ++i) {
+        probes.push_back(std::make_unique<LatencyProbe>(
+            i, options.clock, options.intervalUs * kNsPerUs, options.loops));
+        monitor->attach(probes.back()->timer().get(), probes.back()->timer()->getEventType());
+    }
+
+    SessionResult result;
+    {
+        host::ThreadDriver driver(std::dynamic_pointer_cast<IThreadLoop>(monitor));
+        const Clock::time_point start = Clock::now();
+        const int64_t firstDeadlineNs = nowNs(options.clock) + kStartDelayNs;
+        for (const auto& probe : probes) probe->start(firstDeadlineNs);
+        waitForEnd(options, interrupted, progress, probes, start);
+        // Joined before anything is detached, so no callback can still be running.
+        driver.stop();
+        result.elapsedSec = secondsSince(start);
+    }
+
+    result.overall.label = "all";
+    for (size_t i = 0; i < probes.size(); ++i) {
+        monitor->detach(probes[i]->timer().get());
+        TimerResult timer{std::to_string(i), probes[i]->latencies(), probes[i]->slips()};
+        auto& all = result.overall;
+        all.latencies.insert(all.latencies.end(), timer.latencies.begin(), timer.latencies.end());
+        all.slips.insert(all.slips.end(), timer.slips.begin(), timer.slips.end());
+        result.timers.push_back(std::move(timer));
+    }
+    return result;
+}
+
+}  // namespace tavrel::timerlat
