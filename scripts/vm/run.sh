@@ -81,11 +81,13 @@ name=$(basename "$prog")
 cat >"$root/init" <<INIT
 #!/bin/busybox sh
 /bin/busybox --install -s /bin
-export PATH=/bin HOME=/tmp LD_LIBRARY_PATH=$ld_path
+# Plain output: the log is read as text.
+export PATH=/bin HOME=/tmp GTEST_COLOR=no LD_LIBRARY_PATH=$ld_path
 mount -t proc proc /proc
 mount -t sysfs sysfs /sys
 mount -t devtmpfs devtmpfs /dev
-mount -t tmpfs tmpfs /tmp
+# No tmpfs on /tmp: the root is already writable memory, and libraries copied from a
+# build folder under /tmp live there.
 # modprobe succeeds even when the driver's probe fails: the nodes are the real evidence.
 modprobe vivid
 n=0
