@@ -1,0 +1,243 @@
+// The file and directory wrappers, their error lines, descriptor tags and the listing of
+// descriptors when the process runs out of them.
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "common/LogCapture.h"
+#include "tavrel/SystemCall.h"
+#include "tavrel/platform/Fdsan.h"
+#include "tavrel/platform/UniqueFd.h"
+#include "utils/sys/SystemCallInternal.h"
+
+namespace {
+
+namespace System = NSCam::NSTavrel::System;
+using tavrel::host::UniqueFd;
+using tavrel::test::LogCapture;
+using tavrel::test::LogSwitches;
+using Lines = std::vector<std::string>;
+
+constexpr unsigned long kOwner = 0x5157;
+constexpr int kFdsanType = 1;
+
+// A folder of its own, removed with its content at the end.
+class TempDir {
+public:
+    TempDir() {
+        std::string pattern = std::filesystem::temp_directory_path() / "tavrel-sys-XXXXXX";
+        if (::mkdtemp(pattern.data()) != nullptr) mPath = pattern;
+    }
+    ~TempDir() {
+        std::error_code ignored;
+        if (!mPath.empty()) std::filesystem::remove_all(mPath, ignored);
+    }
+    const std::string& path() const { return mPath; }
+
+private:
+    std::string mPath;  // empty when it could not be made
+};
+
+std::string format(const char* fmt, const void* pointer, int fd) {
+    char text[256];
+    std::snprintf(text, sizeof(text), fmt, fd, pointer);
+    return text;
+}
+
+std::string sourceLine(int number) {
+    std::ifstream in(TAVREL_SOURCE_DIR "/src/utils/sys/SystemCall.cpp");
+    std::string line;
+    for (int i = 0; i < number && std::getline(in, line); ++i) {
+    }
+    return line;
+}
+
+TEST(FileCall, ReadOfAClosedDescriptor) {
+    UniqueFd closed(::eventfd(0, EFD_CLOEXEC));
+    const int fd = closed.get();
+    closed.reset();
+    char buffer[8];
+    LogCapture logs;
+    EXPECT_EQ(System::Read(fd, buffer, sizeof(buffer)), -EBADF);
+    const std::string text =
+        format("[Read] read(%d, %p, 8) return -1: err=-9(Bad file descriptor)", buffer, fd);
+    const auto unified = logs.unified();
+    ASSERT_EQ(unified.size(), 1u);
+    EXPECT_EQ(unified[0].text, text);
+    EXPECT_EQ(unified[0].tag, "tavrel-syscall");
+    EXPECT_EQ(unified[0].level, 1);
+    EXPECT_EQ(unified[0].length, static_cast<int>(text.size()));
+    const auto debug = logs.debugPrint();
+    ASSERT_EQ(debug.size(), 1u);
+    EXPECT_EQ(debug[0].level, CAM_DEBUG_ERROR);
+    const std::regex whole(
+        "\\[tavrel-syscall\\] SystemCall:([0-9]+) Read\\(\\) (.*) "
+        "\\(Read\\)\\{#([0-9]+):src/utils/sys/SystemCall\\}");
+    std::smatch parts;
+    ASSERT_TRUE(std::regex_match(debug[0].text, parts, whole)) << debug[0].text;
+    EXPECT_EQ(parts[2], text);
+    EXPECT_EQ(parts[1], parts[3]);
+    // The number is the line of Read's own error statement.
+    EXPECT_NE(sourceLine(std::stoi(parts[1])).find("read(%d, %p, %zu)"), std::string::npos);
+}
+
+TEST(FileCall, FailureLinesOfTheFileWrappers) {
+    UniqueFd closed(::eventfd(0, EFD_CLOEXEC));
+    const int fd = closed.get();
+    closed.reset();
+    const char data[4] = {};
+    char link[16];
+    // Tagged as if its owner still held it, so that Close reaches close() itself.
+    const uint64_t tag = zelcam_fdsan_create_tag(kOwner, kFdsanType);
+    ASSERT_EQ(zelcam_fdsan_exchange_tag(fd, 0, tag, kFdsanType), 0);
+    LogCapture logs(LogSwitches{2, 5, 0, false});
+    EXPECT_EQ(System::Write(fd, data, sizeof(data)), -EBADF);
+    EXPECT_EQ(System::Close(fd, kOwner), -EBADF);
+    EXPECT_EQ(System::ReadLink("/proc/self/status", link, sizeof(link)), -EINVAL);
+    EXPECT_EQ(System::OpenDir("/nonexistent-tavrel"), nullptr);
+    const std::string n = std::to_string(fd);
+    EXPECT_EQ(
+        logs.unifiedTexts(),
+        (Lines{format("[Write] write(%d, %p, 4) return -1: err=-9(Bad file descriptor)", data, fd),
+               "[Close] close(" + n + ") return -1: err=-9(Bad file descriptor)",
+               "[ReadLink] readlink(/proc/self/status) return -1: err=-22(Invalid argument)",
+               "[OpenDir] opendir(/nonexistent-tavrel) return NULL: err=-2(No such file or "
+               "directory)"}));
+}
+
+TEST(FileCall, OpenAcceptsDevicesOnly) {
+    TempDir dir;
+    const std::string regular = dir.path() + "/regular";
+    std::ofstream(regular) << "data";
+    const std::string missing = dir.path() + "/missing";
+    LogCapture logs(LogSwitches{2, 5, 0, false});
+    EXPECT_EQ(System::Open(regular.c_str(), O_RDONLY, kOwner), -ENODEV);
+    EXPECT_EQ(logs.unifiedTexts(), Lines{"[Open] Invalid device node: " + regular});
+    logs.clear();
+    EXPECT_EQ(System::Open(missing.c_str(), O_RDONLY, kOwner), -ENOENT);
+    EXPECT_EQ(logs.unifiedTexts(),
+              (Lines{"[Stat] stat(" + missing + "): No such file or directory",
+                     "[Open] Invalid device " + missing + ": No such file or directory"}));
+    logs.clear();
+    const int fd = System::Open("/dev/null", O_RDONLY | O_CLOEXEC, kOwner);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(tavrel::host::fdsanGetTag(fd), zelcam_fdsan_create_tag(kOwner, kFdsanType));
+    EXPECT_EQ(System::Close(fd, kOwner), 0);
+    EXPECT_EQ(tavrel::host::fdsanGetTag(fd), 0u);
+    EXPECT_TRUE(logs.unifiedTexts().empty());
+}
+
+// The first block device under /dev, or an empty text.
+std::string findBlockDevice() {
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/dev", error)) {
+        if (entry.is_block_file(error)) return entry.path();
+    }
+    return {};
+}
+
+TEST(FileCall, OpenAcceptsABlockDevice) {
+    const std::string device = findBlockDevice();
+    if (device.empty()) GTEST_SKIP() << "no block device under /dev on this machine";
+    LogCapture logs(LogSwitches{2, 5, 0, false});
+    // O_PATH needs no permission on the device itself.
+    const int fd = System::Open(device.c_str(), O_PATH | O_CLOEXEC, kOwner);
+    ASSERT_GE(fd, 0) << device;
+    EXPECT_EQ(System::Close(fd, kOwner), 0);
+    EXPECT_TRUE(logs.unifiedTexts().empty());
+}
+
+TEST(FileCall, EndOfDirectoryIsLoggedAsAnError) {
+    TempDir dir;
+    LogCapture logs(LogSwitches{2, 5, 0, false});
+    DIR* stream = System::OpenDir(dir.path().c_str());
+    ASSERT_NE(stream, nullptr);
+    std::set<std::string> names;
+    for (int i = 0; i < 2; ++i) names.insert(System::ReadDir(stream)->d_name);
+    EXPECT_EQ(names, (std::set<std::string>{".", ".."}));
+    errno = 0;
+    EXPECT_EQ(System::ReadDir(stream), nullptr);
+    EXPECT_EQ(System::CloseDir(stream), 0);
+    EXPECT_EQ(logs.unifiedTexts(), Lines{"[ReadDir] readdir() return NULL: err=0(Success)"});
+}
+
+// What the descriptor listing should say now: one line per open descriptor, the listing's
+// own directory stream included (it takes the number this scan's stream had).
+Lines currentDescriptors() {
+    Lines lines;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
+        const std::string target = std::filesystem::read_symlink(entry.path(), error);
+        lines.push_back("[dumpProcessFileState] " + entry.path().filename().string() + " -> " +
+                        target);
+    }
+    return lines;
+}
+
+Lines sorted(Lines lines) {
+    std::sort(lines.begin(), lines.end());
+    return lines;
+}
+
+TEST(ErrnoReaction, OutOfDescriptorsListsThemAtInfoLevel) {
+    UniqueFd extra(::eventfd(0, EFD_CLOEXEC));
+    LogCapture logs(LogSwitches{2, 3, 0, false});
+    const Lines expected = currentDescriptors();
+    NSCam::NSTavrel::System::internal::handleErrno(EMFILE);
+    EXPECT_EQ(sorted(logs.unifiedTexts()), sorted(expected));
+    for (const auto& line : logs.unified()) EXPECT_EQ(line.level, 3);
+    EXPECT_NE(std::find(expected.begin(), expected.end(),
+                        "[dumpProcessFileState] " + std::to_string(extra.get()) +
+                            " -> anon_inode:[eventfd]"),
+              expected.end());
+}
+
+TEST(ErrnoReaction, NothingListedBelowInfoOrForOtherErrors) {
+    LogCapture logs(LogSwitches{3, 2, 0, true});
+    NSCam::NSTavrel::System::internal::handleErrno(EMFILE);
+    EXPECT_TRUE(logs.unified().empty());
+    EXPECT_TRUE(logs.debugPrint().empty());
+    logs.clear();
+    NSCam::Utils::ULog::ULogger::sDetailsLevel.store(5);
+    NSCam::NSTavrel::System::internal::handleErrno(ENFILE);
+    NSCam::NSTavrel::System::internal::handleErrno(EBADF);
+    EXPECT_TRUE(logs.unified().empty());
+}
+
+// At the descriptor limit, a wrapper fails with EMFILE and the listing cannot open its
+// directory either: one error line and nothing listed.
+void exhaustDescriptors() {
+    LogCapture logs(LogSwitches{2, 5, 0, false});
+    UniqueFd probe(::eventfd(0, EFD_CLOEXEC));
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(2);
+    limit.rlim_cur = static_cast<rlim_t>(probe.get());
+    probe.reset();
+    // Every number below the probe's is taken, so nothing can be opened any more.
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(2);
+    const int result = System::EventFD(0, 0, kOwner);
+    for (const std::string& text : logs.unifiedTexts()) std::fprintf(stderr, "%s\n", text.c_str());
+    std::fprintf(stderr, "result %d\n", result);
+    std::fflush(stderr);
+    _exit(0);
+}
+
+TEST(ErrnoReactionDeathTest, AtTheLimitNothingIsListed) {
+    EXPECT_EXIT(exhaustDescriptors(), testing::ExitedWithCode(0),
+                "^\\[EventFD\\] eventfd\\(0, 0\\) return -1: err=-24\\(Too many open files\\)\n"
+                "result -24\n$");
+}
+
+}  // namespace
