@@ -36,6 +36,9 @@ public:
             ev_io_init(&slot.watcher, onPairReadable, workload.pairs().readFd(i), EV_READ);
             ev_io_start(mLoop, &slot.watcher);
         }
+        ev_io_init(&mStartWatcher, onStart, workload.startFd(), EV_READ);
+        mStartWatcher.data = &workload;
+        ev_io_start(mLoop, &mStartWatcher);
         ev_io_init(&mStopWatcher, onStop, mStop.fd(), EV_READ);
         mStopWatcher.data = this;
         ev_io_start(mLoop, &mStopWatcher);
@@ -48,6 +51,7 @@ public:
         mStop.raise();
         mThread.join();
         for (size_t i = 0; i < mCount; ++i) ev_io_stop(mLoop, &mSlots[i].watcher);
+        ev_io_stop(mLoop, &mStartWatcher);
         ev_io_stop(mLoop, &mStopWatcher);
         ev_loop_destroy(mLoop);
     }
@@ -56,6 +60,10 @@ private:
     static void onPairReadable(struct ev_loop* /*loop*/, ev_io* watcher, int /*revents*/) {
         const Slot* slot = reinterpret_cast<const Slot*>(watcher);
         slot->workload->onReadable(slot->index);
+    }
+
+    static void onStart(struct ev_loop* /*loop*/, ev_io* watcher, int /*revents*/) {
+        static_cast<Workload*>(watcher->data)->onStart();
     }
 
     static void onStop(struct ev_loop* loop, ev_io* watcher, int /*revents*/) {
@@ -67,6 +75,7 @@ private:
     const size_t mCount;
     std::unique_ptr<Slot[]> mSlots;  // watchers must not move while started
     StopSignal mStop;
+    ev_io mStartWatcher;
     ev_io mStopWatcher;
     std::thread mThread;
 };

@@ -29,11 +29,12 @@ public:
         }
         const SocketPairs& pairs = workload.pairs();
         mSlots.reserve(pairs.size());
-        mEvents.reserve(pairs.size() + 1);
+        mEvents.reserve(pairs.size() + 2);
         for (size_t i = 0; i < pairs.size(); ++i) {
             mSlots.push_back({&workload, i});
             add(pairs.readFd(i), onPairReadable, &mSlots.back());
         }
+        add(workload.startFd(), onStart, &workload);
         add(mStop.fd(), onStop, this);
         mThread = std::thread([this] { event_base_dispatch(mBase); });
     }
@@ -60,6 +61,10 @@ private:
     static void onPairReadable(evutil_socket_t /*fd*/, short /*what*/, void* arg) {
         const Slot* slot = static_cast<const Slot*>(arg);
         slot->workload->onReadable(slot->index);
+    }
+
+    static void onStart(evutil_socket_t /*fd*/, short /*what*/, void* arg) {
+        static_cast<Workload*>(arg)->onStart();
     }
 
     static void onStop(evutil_socket_t /*fd*/, short /*what*/, void* arg) {

@@ -31,6 +31,9 @@ public:
             check(uv_poll_init(&mLoop, &slot.handle, workload.pairs().readFd(i)), "uv_poll_init");
             check(uv_poll_start(&slot.handle, UV_READABLE, onPairReadable), "uv_poll_start");
         }
+        check(uv_poll_init(&mLoop, &mStartHandle, workload.startFd()), "uv_poll_init");
+        mStartHandle.data = &workload;
+        check(uv_poll_start(&mStartHandle, UV_READABLE, onStart), "uv_poll_start");
         check(uv_poll_init(&mLoop, &mStopHandle, mStop.fd()), "uv_poll_init");
         mStopHandle.data = this;
         check(uv_poll_start(&mStopHandle, UV_READABLE, onStop), "uv_poll_start");
@@ -45,6 +48,7 @@ public:
         for (size_t i = 0; i < mCount; ++i) {
             uv_close(reinterpret_cast<uv_handle_t*>(&mSlots[i].handle), nullptr);
         }
+        uv_close(reinterpret_cast<uv_handle_t*>(&mStartHandle), nullptr);
         uv_close(reinterpret_cast<uv_handle_t*>(&mStopHandle), nullptr);
         uv_run(&mLoop, UV_RUN_DEFAULT);  // runs the closes
         check(uv_loop_close(&mLoop), "uv_loop_close");
@@ -62,6 +66,10 @@ private:
         slot->workload->onReadable(slot->index);
     }
 
+    static void onStart(uv_poll_t* handle, int /*status*/, int /*events*/) {
+        static_cast<Workload*>(handle->data)->onStart();
+    }
+
     static void onStop(uv_poll_t* handle, int /*status*/, int /*events*/) {
         LibuvLoop* self = static_cast<LibuvLoop*>(handle->data);
         self->mStop.consume();
@@ -72,6 +80,7 @@ private:
     const size_t mCount;
     std::unique_ptr<Slot[]> mSlots;  // handles must not move while the loop knows them
     StopSignal mStop;
+    uv_poll_t mStartHandle;
     uv_poll_t mStopHandle;
     std::thread mThread;
 };

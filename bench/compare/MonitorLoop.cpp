@@ -36,15 +36,27 @@ private:
     const int mFd;
 };
 
+class StartObserver final : public IEventObserver {
+public:
+    explicit StartObserver(Workload& workload) : mWorkload(workload) {}
+    int getEventFD() const override { return mWorkload.startFd(); }
+    void onEvent(OnEvent const& /*event*/) override { mWorkload.onStart(); }
+
+private:
+    Workload& mWorkload;
+};
+
 class MonitorLoop final : public RunningLoop {
 public:
-    explicit MonitorLoop(Workload& workload) : mMonitor(IEpollMonitor::make("compare")) {
+    explicit MonitorLoop(Workload& workload)
+        : mMonitor(IEpollMonitor::make("compare")), mStartObserver(workload) {
         const size_t count = workload.pairs().size();
         mObservers.reserve(count);
         for (size_t i = 0; i < count; ++i) {
             mObservers.emplace_back(workload, i);
             mMonitor->attach(&mObservers.back(), EPOLLIN);
         }
+        mMonitor->attach(&mStartObserver, EPOLLIN);
         auto loop = std::dynamic_pointer_cast<IThreadLoop>(mMonitor);
         if (!loop) {
             std::fprintf(stderr, "monitor: no thread loop view\n");
@@ -59,11 +71,13 @@ public:
     ~MonitorLoop() override {
         mDriver->stop();
         for (PairObserver& observer : mObservers) mMonitor->detach(&observer);
+        mMonitor->detach(&mStartObserver);
     }
 
 private:
     std::shared_ptr<IEpollMonitor> mMonitor;
     std::vector<PairObserver> mObservers;  // must not move while attached
+    StartObserver mStartObserver;
     std::unique_ptr<host::ThreadDriver> mDriver;
 };
 

@@ -33,6 +33,15 @@ private:
     const size_t mIndex;
 };
 
+class StartObserver final : public RawObserver {
+public:
+    explicit StartObserver(Workload& workload) : mWorkload(workload) {}
+    void onEvent(uint32_t /*events*/) override { mWorkload.onStart(); }
+
+private:
+    Workload& mWorkload;
+};
+
 class StopObserver final : public RawObserver {
 public:
     StopObserver(StopSignal& signal, bool& running) : mSignal(signal), mRunning(running) {}
@@ -49,7 +58,9 @@ private:
 class RawEpollLoop final : public RunningLoop {
 public:
     explicit RawEpollLoop(Workload& workload)
-        : mEpoll(::epoll_create1(EPOLL_CLOEXEC)), mStopObserver(mStop, mRunning) {
+        : mEpoll(::epoll_create1(EPOLL_CLOEXEC)),
+          mStartObserver(workload),
+          mStopObserver(mStop, mRunning) {
         if (!mEpoll.ok()) fail("epoll_create1");
         const SocketPairs& pairs = workload.pairs();
         mObservers.reserve(pairs.size());
@@ -57,6 +68,7 @@ public:
             mObservers.emplace_back(workload, i);
             add(pairs.readFd(i), &mObservers.back());
         }
+        add(workload.startFd(), &mStartObserver);
         add(mStop.fd(), &mStopObserver);
         mThread = std::thread([this] { run(); });
     }
@@ -98,6 +110,7 @@ private:
     host::UniqueFd mEpoll;
     StopSignal mStop;
     bool mRunning = true;  // loop thread only
+    StartObserver mStartObserver;
     StopObserver mStopObserver;
     std::vector<PairObserver> mObservers;
     std::thread mThread;

@@ -19,6 +19,12 @@ constexpr char kByte = 'e';
     std::abort();
 }
 
+// Adds one to an eventfd, waking whoever waits on it.
+void post(int eventFd) {
+    const uint64_t one = 1;
+    if (::write(eventFd, &one, sizeof one) != sizeof one) die("write eventfd");
+}
+
 }  // namespace
 
 Workload::Workload(const SocketPairs& pairs, size_t active, int writes)
@@ -26,8 +32,17 @@ Workload::Workload(const SocketPairs& pairs, size_t active, int writes)
       mActive(active),
       mWrites(writes),
       mSpacing(pairs.size() / active),
+      mStart(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       mDone(::eventfd(0, EFD_CLOEXEC)) {
-    if (!mDone.ok()) die("eventfd");
+    if (!mStart.ok() || !mDone.ok()) die("eventfd");
+}
+
+void Workload::onStart() {
+    uint64_t started;
+    if (::read(mStart.get(), &started, sizeof started) != sizeof started) die("read eventfd");
+    for (size_t k = 0; k < mActive; ++k) {
+        if (::write(mPairs.writeFd(k * mSpacing), &kByte, 1) != 1) die("write");
+    }
 }
 
 void Workload::onReadable(size_t i) {
@@ -50,8 +65,7 @@ void Workload::onReadable(size_t i) {
 void Workload::finishRound() {
     mEndNs.store(nowNs(), std::memory_order_relaxed);
     mEndCpuNs.store(readNs(CLOCK_THREAD_CPUTIME_ID), std::memory_order_relaxed);
-    const uint64_t one = 1;
-    if (::write(mDone.get(), &one, sizeof one) != sizeof one) die("write eventfd");
+    post(mDone.get());
 }
 
 Workload::RoundTime Workload::runRound(clockid_t loopCpuClock) {
@@ -62,9 +76,7 @@ Workload::RoundTime Workload::runRound(clockid_t loopCpuClock) {
 
     const int64_t startCpu = readNs(loopCpuClock);
     const int64_t start = nowNs();
-    for (size_t k = 0; k < mActive; ++k) {
-        if (::write(mPairs.writeFd(k * mSpacing), &kByte, 1) != 1) die("write");
-    }
+    post(mStart.get());
     uint64_t done;
     if (::read(mDone.get(), &done, sizeof done) != sizeof done) die("read eventfd");
     std::atomic_thread_fence(std::memory_order_acquire);

@@ -1,6 +1,11 @@
-// The classic event-loop benchmark round: the driver writes one byte into A of the N
-// pairs; every read callback takes its byte and, while writes remain, passes one byte on
-// to the next pair. The round ends when every byte written has been read.
+// The classic event-loop benchmark round: one byte is written into A of the N pairs;
+// every read callback takes its byte and, while writes remain, passes one byte on to the
+// next pair. The round ends when every byte written has been read.
+//
+// The driver thread starts a round through an eventfd that the loop watches, and the loop
+// thread writes the A bytes itself: the loop then finds them all ready at once, as in the
+// single-threaded original, and how the work is batched does not depend on how the two
+// threads happen to interleave (which keeps instruction counts repeatable).
 #pragma once
 
 #include <time.h>
@@ -20,6 +25,12 @@ public:
 
     // Loop thread: the whole callback body, identical for every backend, for pair `i`.
     void onReadable(size_t i);
+
+    // The descriptor every loop watches besides the pairs: readable when a round starts.
+    int startFd() const { return mStart.get(); }
+
+    // Loop thread, when startFd() is readable: writes the round's first A bytes.
+    void onStart();
 
     // What one round cost, from just before the driver's first write to the end of the
     // last callback.
@@ -51,7 +62,8 @@ private:
     std::atomic<int64_t> mEndNs{0};
     std::atomic<int64_t> mEndCpuNs{0};
 
-    host::UniqueFd mDone;  // eventfd: the last callback of a round wakes the driver
+    host::UniqueFd mStart;  // eventfd: the driver starts a round
+    host::UniqueFd mDone;   // eventfd: the last callback of a round wakes the driver
 };
 
 }  // namespace tavrel::bench
