@@ -4,6 +4,8 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -14,6 +16,7 @@
 #include "monitor/MonitorTestSupport.h"
 #include "tavrel/platform/Properties.h"
 #include "tavrel/platform/ThreadDriver.h"
+#include "tavrel/platform/UniqueFd.h"
 
 namespace tavrel::test {
 namespace {
@@ -159,6 +162,46 @@ TEST(MonitorLoop, LogvFramesEveryDispatch) {
     EXPECT_EQ(starts("[handleEvents] + fd="), 2);
     EXPECT_EQ(starts("[handleEvents] - fd="), 2);
     monitor->detach(&observer);
+}
+
+// Detaches and frees itself from inside its own onEvent, as one-shot observers do.
+class OneShotObserver : public IEventObserver {
+public:
+    explicit OneShotObserver(std::atomic<bool>& done)
+        : mFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), mDone(done) {}
+    int getEventFD() const override { return mFd.get(); }
+    void onEvent(IEventObserver::OnEvent const& event) override {
+        event.monitor->detach(this);
+        std::atomic<bool>& done = mDone;
+        delete this;
+        done = true;
+    }
+
+private:
+    tavrel::host::UniqueFd mFd;  // signalled once by the test
+    std::atomic<bool>& mDone;    // set once the observer is gone
+};
+
+// The dispatch frame's closing line must not ask the freed observer for its descriptor.
+TEST(MonitorLoop, LogvFrameOfAnObserverThatFreedItself) {
+    constexpr const char* kLogv = "persist.vendor.camera.tavrel.EpollMonitor.logv";
+    LogCapture capture(infoLines());
+    tavrel::host::property_set(kLogv, "1");
+    auto monitor = makeMonitor("v");
+    tavrel::host::property_set(kLogv, nullptr);
+    std::atomic<bool> done{false};
+    auto* observer = new OneShotObserver(done);
+    const int fd = observer->getEventFD();
+    monitor->attach(observer, EPOLLIN);
+    {
+        ThreadDriver driver(monitor);
+        const uint64_t one = 1;
+        ASSERT_EQ(write(fd, &one, sizeof(one)), static_cast<ssize_t>(sizeof(one)));
+        while (!done) std::this_thread::yield();
+    }
+    EXPECT_TRUE(contains(capture.unifiedTexts(),
+                         "[handleEvents] - fd=" + std::to_string(fd) + " events=0x1"));
+    EXPECT_EQ(monitor->determineFdObserverCount(), 0u);
 }
 
 TEST(MonitorLoop, NoDescriptorOutlivesTheMonitor) {

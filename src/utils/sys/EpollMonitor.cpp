@@ -301,25 +301,25 @@ void EpollMonitor::handleEvents(struct epoll_event* events, unsigned long count)
     for (unsigned long i = 0; i < count; ++i) {
         IEventObserver* observer = static_cast<IEventObserver*>(events[i].data.ptr);
         const uint32_t mask = events[i].events;
-        if (observer == nullptr)
+        if (observer == nullptr) {
             TAVREL_FATAL_IN("handleEvents", "[%s] Bad observer", "handleEvents");
+        }
+        const bool traced = Trace::enabled(Trace::kDispatch);
+        // Asked once, before onEvent: an observer may detach and free itself in there.
+        const int fd = mLogv != 0 || traced ? observer->getEventFD() : -1;
         if (mLogv != 0 && infoLinesOn()) {
-            TAVREL_LOGI("[%s] + fd=%d events=%#x observer=%p %s %s", "handleEvents",
-                        observer->getEventFD(), mask, static_cast<void*>(observer),
-                        toString_config().c_str(), toString_runtime().c_str());
+            TAVREL_LOGI("[%s] + fd=%d events=%#x observer=%p %s %s", "handleEvents", fd, mask,
+                        static_cast<void*>(observer), toString_config().c_str(),
+                        toString_runtime().c_str());
         }
         {
             // On the stack and only when traced: dispatch allocates nothing.
             char traceName[kTraceNameSize] = {};
-            if (Trace::enabled(Trace::kDispatch)) {
-                formatTraceName(traceName, "NOTIFY_READY fd:%d", observer->getEventFD());
-            }
+            if (traced) formatTraceName(traceName, "NOTIFY_READY fd:%d", fd);
             Trace::Section dispatch(Trace::kDispatch, traceName);
             observer->onEvent(IEventObserver::OnEvent{static_cast<IEpollMonitor*>(this), mask});
         }
-        if (mLogv != 0) {
-            TAVREL_LOGI("[%s] - fd=%d events=%#x", "handleEvents", observer->getEventFD(), mask);
-        }
+        if (mLogv != 0) TAVREL_LOGI("[%s] - fd=%d events=%#x", "handleEvents", fd, mask);
     }
 }
 
