@@ -9,6 +9,12 @@ CACHE="${TAVREL_VM_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/tavrel-vm}"
 
 log() { echo "vm/prepare: $*" >&2; }
 
+# Two runs at once (setup and a test, or two test runs) take turns rather than unpack over
+# each other.
+mkdir -p "$CACHE"
+exec 9>"$CACHE/.lock"
+flock 9
+
 # Packages run on the host. apt-get update only when something is missing, since it is slow.
 missing=()
 for pkg in qemu-system-x86 kmod cpio; do
@@ -32,20 +38,28 @@ fi
 
 # The generic kernel: the cloud flavour is built without the media drivers. Its version
 # comes from the meta-package, since older versions leave the archive.
-kpkg=$(apt-cache depends linux-image-amd64 2>/dev/null |
-  sed -n 's/^ *Depends: \(linux-image-[0-9].*-amd64\)$/\1/p' | head -n1)
+kernel_package() {
+  apt-cache depends linux-image-amd64 2>/dev/null |
+    sed -n 's/^ *Depends: \(linux-image-[0-9].*-amd64\)$/\1/p' | head -n1
+}
+kpkg=$(kernel_package)
 if [[ -z "$kpkg" ]]; then
-  log "no kernel package behind linux-image-amd64 (run apt-get update?)"
+  # A machine whose package lists were never fetched knows no kernel package yet.
+  apt-get update -qq >/dev/null
+  kpkg=$(kernel_package)
+fi
+if [[ -z "$kpkg" ]]; then
+  log "no kernel package behind linux-image-amd64"
   exit 1
 fi
 kver=${kpkg#linux-image-}
 
-mkdir -p "$CACHE"
 tmp=$(mktemp -d "$CACHE/.dl.XXXXXX")
 trap 'rm -rf "$tmp"' EXIT
-# apt-get download fetches as the unprivileged _apt user when that user can write here.
-chmod 0755 "$tmp"
-if id _apt >/dev/null 2>&1; then chown _apt "$tmp"; fi
+# apt-get download fetches as the unprivileged _apt user, who cannot reach a cache under
+# root's home; as root, fetch as root instead of warning about it each time.
+download=(apt-get download -qq)
+if ((EUID == 0)); then download+=(-o APT::Sandbox::User=root); fi
 
 # Unpacks only the kernel image, the media modules and the module indexes: the whole
 # package is several hundred megabytes unpacked.
@@ -53,7 +67,7 @@ kdir="$CACHE/kernel-$kver"
 if [[ ! -f "$kdir/.complete" ]]; then
   log "fetching $kpkg"
   rm -rf "$kdir"
-  (cd "$tmp" && apt-get download -qq "$kpkg")
+  (cd "$tmp" && "${download[@]}" "$kpkg")
   mkdir -p "$kdir"
   dpkg-deb --fsys-tarfile "$tmp"/"$kpkg"_*.deb |
     tar -x -C "$kdir" --wildcards \
@@ -67,10 +81,15 @@ bdir="$CACHE/busybox"
 if [[ ! -f "$bdir/.complete" ]]; then
   log "fetching busybox-static"
   rm -rf "$bdir"
-  (cd "$tmp" && apt-get download -qq busybox-static)
+  (cd "$tmp" && "${download[@]}" busybox-static)
   dpkg-deb -x "$tmp"/busybox-static_*.deb "$bdir"
   touch "$bdir/.complete"
 fi
+
+# Kernels the archive has moved past are not used again.
+for old in "$CACHE"/kernel-*/; do
+  [[ "$old" == "$kdir/" ]] || rm -rf "$old"
+done
 
 # run.sh reads the version from here rather than asking apt again.
 echo "$kver" >"$CACHE/kernel-version"
