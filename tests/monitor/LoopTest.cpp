@@ -167,9 +167,8 @@ TEST(MonitorLoop, LogvFramesEveryDispatch) {
 // Detaches and frees itself from inside its own onEvent, as one-shot observers do.
 class OneShotObserver : public IEventObserver {
 public:
-    explicit OneShotObserver(std::atomic<bool>& done)
-        : mFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), mDone(done) {}
-    int getEventFD() const override { return mFd.get(); }
+    OneShotObserver(int fd, std::atomic<bool>& done) : mFd(fd), mDone(done) {}
+    int getEventFD() const override { return mFd; }
     void onEvent(IEventObserver::OnEvent const& event) override {
         event.monitor->detach(this);
         std::atomic<bool>& done = mDone;
@@ -178,8 +177,8 @@ public:
     }
 
 private:
-    tavrel::host::UniqueFd mFd;  // signalled once by the test
-    std::atomic<bool>& mDone;    // set once the observer is gone
+    int mFd;                   // owned by the test, which signals it once
+    std::atomic<bool>& mDone;  // set once the observer is gone
 };
 
 // The dispatch frame's closing line must not ask the freed observer for its descriptor.
@@ -190,9 +189,9 @@ TEST(MonitorLoop, LogvFrameOfAnObserverThatFreedItself) {
     auto monitor = makeMonitor("v");
     tavrel::host::property_set(kLogv, nullptr);
     std::atomic<bool> done{false};
-    auto* observer = new OneShotObserver(done);
-    const int fd = observer->getEventFD();
-    monitor->attach(observer, EPOLLIN);
+    tavrel::host::UniqueFd eventFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    const int fd = eventFd.get();
+    monitor->attach(new OneShotObserver(fd, done), EPOLLIN);
     {
         ThreadDriver driver(monitor);
         const uint64_t one = 1;
