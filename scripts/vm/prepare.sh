@@ -74,6 +74,9 @@ if [[ ! -f "$kdir/.complete" ]]; then
       "./boot/vmlinuz-$kver" \
       "./lib/modules/$kver/kernel/drivers/media/*" \
       "./lib/modules/$kver/modules.*"
+  # The package leaves the dependency index to its install script: build it here, for
+  # run.sh to ask kmod which modules vivid needs.
+  depmod -b "$kdir" "$kver"
   touch "$kdir/.complete"
 fi
 

@@ -63,6 +63,11 @@ depmod -b "$root" "$kver"
 # The program and its libraries at the paths ldd printed (Android's libraries sit in a
 # folder of their own that binaries reach through their runpath).
 cp "$prog" "$root/test/"
+if ldd "$prog" | grep -q 'not found'; then
+  echo "vm/run: $prog has libraries the loader cannot find:" >&2
+  ldd "$prog" | grep 'not found' >&2
+  exit 1
+fi
 libdirs=()
 while read -r lib; do
   cp -L --parents "$lib" "$root/"
@@ -101,7 +106,10 @@ cd /tmp
 echo
 echo "==== tavrel-vm: begin $name"
 timeout $inner_timeout /test/$name$args
-echo "==== tavrel-vm: end exit=\$?"
+rc=\$?
+# Output that did not end its last line would otherwise hide the marker.
+echo
+echo "==== tavrel-vm: end exit=\$rc"
 poweroff -f
 INIT
 chmod +x "$root/init"

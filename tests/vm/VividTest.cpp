@@ -210,9 +210,11 @@ TEST_F(VividTest, MonitorDrivenCaptureQueuesAndDequeuesThroughTheWrappers) {
     CaptureObserver observer(mCapture.get(), kFramesWanted);
     CaptureRecord record;
     {
+        // Streaming first: a capture node that is not streaming reports an error to
+        // epoll, which the observer would take for a finished buffer.
+        streamOn();
         RunningMonitor running;
         running.monitor->attach(&observer, EPOLLIN);
-        streamOn();
         const bool enough = observer.waitForFrames(&record);
         running.monitor->detach(&observer);
         running.driver.stop();
