@@ -76,6 +76,8 @@ void log_dbg_print(const char* tag, cam_debug_level_t level, const char* fmt, ..
 
 // The file is shown by its base name: source paths are long and alike up to the last
 // '/'. A '%' would be read as a conversion by the caller's format, so it becomes '_'.
+// The text lies in `path` itself or, when a '%' was replaced, in a buffer of the calling
+// thread that stays valid until that thread's next call.
 const char* get_filename_log_control(const char* path) {
     if (path == nullptr) return "";
     const char* slash = std::strrchr(path, '/');

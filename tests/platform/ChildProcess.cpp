@@ -1,6 +1,7 @@
 #include "ChildProcess.h"
 
 #include <fcntl.h>
+#include <regex.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -108,6 +109,27 @@ std::vector<std::string> splitLines(const std::string& text) {
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
+}
+
+std::vector<std::string> matchWhole(const std::string& text, const std::string& pattern) {
+    constexpr size_t kMaxGroups = 8;
+    regex_t compiled;
+    if (regcomp(&compiled, ("^" + pattern + "$").c_str(), REG_EXTENDED) != 0) return {};
+    regmatch_t groups[kMaxGroups];
+    const bool matched = regexec(&compiled, text.c_str(), kMaxGroups, groups, 0) == 0;
+    const size_t count = compiled.re_nsub + 1;
+    regfree(&compiled);
+    if (!matched) return {};
+    std::vector<std::string> found;
+    for (size_t i = 0; i < count && i < kMaxGroups; ++i) {
+        if (groups[i].rm_so < 0) {
+            found.emplace_back();
+            continue;
+        }
+        found.push_back(text.substr(static_cast<size_t>(groups[i].rm_so),
+                                    static_cast<size_t>(groups[i].rm_eo - groups[i].rm_so)));
+    }
+    return found;
 }
 
 }  // namespace tavrel::test

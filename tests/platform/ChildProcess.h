@@ -51,4 +51,8 @@ std::string readFile(const std::string& path);
 // `text` cut at each '\n'; a final line without one is kept.
 std::vector<std::string> splitLines(const std::string& text);
 
+// Matches all of `text` against the POSIX extended expression `pattern`; returns the
+// whole match and each group, or nothing when it does not match.
+std::vector<std::string> matchWhole(const std::string& text, const std::string& pattern);
+
 }  // namespace tavrel::test

@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,7 +16,6 @@
 namespace tavrel::test {
 namespace {
 
-constexpr uint64_t kModuleBit = uint64_t{1} << 55;
 constexpr size_t kLineLimit = 1023;
 
 struct SinkRecord {
@@ -56,6 +54,10 @@ void logToAndroid() {
 }
 const ChildMode kAndroidMode("dbgprint-android", logToAndroid);
 
+// A line of the host's Android log: tag, priority letter, month-day time, pid, tid, text.
+constexpr const char* kAndroidLine =
+    "tavrel-test ([VEWI]) [0-9]{2}-[0-9]{2} [0-9:]{8} +([0-9]+) +([0-9]+) (.*)";
+
 ChildResult runAndroidChild(const std::string& properties) {
     TempDir dir;
     return runChild("dbgprint-android", {"TAVREL_PROPERTIES=" + dir.write("dbg.prop", properties)},
@@ -70,18 +72,16 @@ TEST(DebugPrintTest, LinesReachTheAndroidLogAtTheLevelsPriorityUnlessASinkIsInst
         "mask=0x80000000000000\nmask=0x80000000000000\nmask=0x80000000000000\n"
         "mask=0x80000000000000\nsink tavrel-test 3 to the sink\n",
         child.out);
-    static const std::regex kAndroidLine(
-        R"(tavrel-test ([VEWI]) \d{2}-\d{2} \d{2}:\d{2}:\d{2} +(\d+) +(\d+) (.*))");
     const std::vector<std::string> expected = {"V verbose 0", "E error one", "W warning 2",
                                                "I info 3f", "I after the sink"};
     const std::vector<std::string> lines = splitLines(child.err);
     ASSERT_EQ(expected.size(), lines.size()) << child.err;
     for (size_t i = 0; i < lines.size(); ++i) {
-        std::smatch match;
-        ASSERT_TRUE(std::regex_match(lines[i], match, kAndroidLine)) << lines[i];
+        const std::vector<std::string> match = matchWhole(lines[i], kAndroidLine);
+        ASSERT_FALSE(match.empty()) << lines[i];
         EXPECT_EQ(std::to_string(child.pid), match[2]);
         EXPECT_EQ(std::to_string(child.pid), match[3]);
-        EXPECT_EQ(expected[i], match[1].str() + " " + match[4].str());
+        EXPECT_EQ(expected[i], match[1] + " " + match[4]);
     }
 }
 
