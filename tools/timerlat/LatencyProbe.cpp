@@ -26,16 +26,18 @@ int64_t nowNs(clockid_t clock) {
 
 }  // namespace
 
-LatencyProbe::LatencyProbe(int index, clockid_t clock, int64_t intervalNs, int64_t loops)
+LatencyProbe::LatencyProbe(int index, clockid_t clock, int64_t firstDeadlineNs, int64_t intervalNs,
+                           int64_t loops)
     : mClock(clock),
       mIntervalNs(intervalNs),
       mLoops(loops),
+      mFirstDeadlineNs(firstDeadlineNs),
+      mExpectedNs(firstDeadlineNs),
       mTimer(std::make_shared<NSCam::NSTavrel::Timer>(std::to_string(index).c_str(), clock,
                                                       [this] { onExpiry(); })) {}
 
-void LatencyProbe::start(int64_t firstDeadlineNs) {
-    mExpectedNs = firstDeadlineNs;
-    const timespec value = toTimespec(firstDeadlineNs);
+void LatencyProbe::start() {
+    const timespec value = toTimespec(mFirstDeadlineNs);
     const timespec interval = toTimespec(mIntervalNs);
     mTimer->startTimerAbsoluteTime(&value, &interval);
 }

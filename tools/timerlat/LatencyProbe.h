@@ -15,14 +15,16 @@ namespace tavrel::timerlat {
 
 class LatencyProbe {
 public:
-    // Any thread. Creates the timer, disarmed. `loops` 0: no limit.
-    LatencyProbe(int index, clockid_t clock, int64_t intervalNs, int64_t loops);
+    // Any thread, before the monitor thread starts. Creates the timer, disarmed; it is
+    // to expire first at `firstDeadlineNs` on `clock`. `loops` 0: no limit.
+    LatencyProbe(int index, clockid_t clock, int64_t firstDeadlineNs, int64_t intervalNs,
+                 int64_t loops);
 
     // The timer, to attach to a monitor.
     const std::shared_ptr<NSCam::NSTavrel::Timer>& timer() const { return mTimer; }
 
-    // Any thread, once. Arms the timer to expire first at `firstDeadlineNs` on its clock.
-    void start(int64_t firstDeadlineNs);
+    // Any thread, once. Arms the timer.
+    void start();
 
     // Any thread. Progress, for the live line.
     int64_t count() const { return mCount.load(std::memory_order_relaxed); }
@@ -48,7 +50,8 @@ private:
     const clockid_t mClock;           // the timer's clock, also used to take the wake-up time
     const int64_t mIntervalNs;        // the timer's period
     const int64_t mLoops;             // expiries to record before stopping the timer; 0: all
-    int64_t mExpectedNs = 0;          // the deadline scheduled next, before the re-arm's slip
+    const int64_t mFirstDeadlineNs;   // what start() arms; never changes, unlike mExpectedNs
+    int64_t mExpectedNs;              // the deadline scheduled next, before the re-arm's slip
     bool mFirst = true;               // the first expiry has no previous deadline to slip from
     std::vector<int64_t> mLatencies;  // wake-up minus deadline, per expiry
     std::vector<int64_t> mSlips;      // how far each re-arm moved the next deadline

@@ -79,10 +79,12 @@ void waitForEnd(const Options& options, const std::atomic<bool>& interrupted,
 SessionResult runSession(const Options& options, const std::atomic<bool>& interrupted,
                          std::ostream* progress) {
     std::shared_ptr<IEpollMonitor> monitor = IEpollMonitor::make("timerlat");
+    // Fixed before the monitor thread exists, which then sees it without a lock.
+    const int64_t firstDeadlineNs = nowNs(options.clock) + kStartDelayNs;
     std::vector<std::unique_ptr<LatencyProbe>> probes;
     for (int i = 0; i < options.timers; ++i) {
         probes.push_back(std::make_unique<LatencyProbe>(
-            i, options.clock, options.intervalUs * kNsPerUs, options.loops));
+            i, options.clock, firstDeadlineNs, options.intervalUs * kNsPerUs, options.loops));
         monitor->attach(probes.back()->timer().get(), probes.back()->timer()->getEventType());
     }
 
@@ -90,8 +92,7 @@ SessionResult runSession(const Options& options, const std::atomic<bool>& interr
     {
         host::ThreadDriver driver(std::dynamic_pointer_cast<IThreadLoop>(monitor));
         const Clock::time_point start = Clock::now();
-        const int64_t firstDeadlineNs = nowNs(options.clock) + kStartDelayNs;
-        for (const auto& probe : probes) probe->start(firstDeadlineNs);
+        for (const auto& probe : probes) probe->start();
         waitForEnd(options, interrupted, progress, probes, start);
         // Joined before anything is detached, so no callback can still be running.
         driver.stop();
