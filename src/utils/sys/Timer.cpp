@@ -126,13 +126,13 @@ void Timer::enableEdgeTrigger() {
 }
 
 void Timer::startTimerAbsoluteTime(const timespec* value, const timespec* interval) {
-    const itimerspec spec = {*interval, *value};
+    const itimerspec setting = {*interval, *value};
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        System::TimerFDSetTime(mFd, TFD_TIMER_ABSTIME, &spec, nullptr);
+        System::TimerFDSetTime(mFd, TFD_TIMER_ABSTIME, &setting, nullptr);
     }
     TAVREL_CLASS_LOGV(mLogv, "[%s] %-7s: %s", __func__, mName.c_str(),
-                      NSTavrel::toString(spec).c_str());
+                      NSTavrel::toString(setting).c_str());
 }
 
 void Timer::stopTimer() {
