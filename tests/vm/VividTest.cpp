@@ -46,7 +46,8 @@ constexpr unsigned kFramesWanted = 20;
 constexpr unsigned kFps = 30;
 constexpr unsigned kWidth = 320;
 constexpr unsigned kHeight = 180;
-constexpr int32_t kBrightness = 200;  // differs from the driver's default of 128
+constexpr int32_t kBrightnessA = 200;  // two values within the control's 0..255
+constexpr int32_t kBrightnessB = 100;
 
 std::string errText(int error) {
     return std::strerror(error);
@@ -315,13 +316,19 @@ TEST_F(VividTest, ControlChangeIsDequeuedAsAnEventOnPriorityReadiness) {
 
     EventObserver observer(mCapture.get());
     EventRecord record;
+    int32_t wanted = 0;
     {
         RunningMonitor running;
         running.monitor->attach(&observer, EPOLLPRI);
         // Changed through another handle: a handle is not told of its own changes.
         UniqueFd other = openNode(mNodes.capture);
         ASSERT_TRUE(other.ok());
-        v4l2_control control{V4L2_CID_BRIGHTNESS, kBrightness};
+        // Setting the value the control already has sends nothing: pick the other one,
+        // since the driver keeps its controls from one run to the next.
+        v4l2_control control{V4L2_CID_BRIGHTNESS, 0};
+        ASSERT_EQ(rawIoctl(other.get(), VIDIOC_G_CTRL, &control), 0);
+        wanted = control.value == kBrightnessA ? kBrightnessB : kBrightnessA;
+        control.value = wanted;
         ASSERT_EQ(rawIoctl(other.get(), VIDIOC_S_CTRL, &control), 0);
         const bool seen = observer.waitForEvents(1, &record);
         running.monitor->detach(&observer);
@@ -337,7 +344,7 @@ TEST_F(VividTest, ControlChangeIsDequeuedAsAnEventOnPriorityReadiness) {
     EXPECT_EQ(event.pending, 0u);
     EXPECT_EQ(event.u.ctrl.changes, static_cast<uint32_t>(V4L2_EVENT_CTRL_CH_VALUE));
     EXPECT_EQ(event.u.ctrl.type, static_cast<uint32_t>(V4L2_CTRL_TYPE_INTEGER));
-    EXPECT_EQ(event.u.ctrl.value, kBrightness);
+    EXPECT_EQ(event.u.ctrl.value, wanted);
     EXPECT_EQ(event.u.ctrl.minimum, 0);
     EXPECT_EQ(event.u.ctrl.maximum, 255);
 }
