@@ -10,9 +10,18 @@ readonly PACKAGES=(
   android-liblog-dev android-libutils-dev
 )
 
+# Asks for the native instance first: once a foreign architecture (arm64, for the
+# cross build) is installed beside it, the bare name is ambiguous to dpkg.
+installed() {
+  local status
+  status=$(dpkg-query -W -f='${Status}' "$1:$(dpkg --print-architecture)" 2>/dev/null ||
+    dpkg-query -W -f='${Status}' "$1" 2>/dev/null) || return 1
+  [[ $status == "install ok installed" ]]
+}
+
 missing=()
 for pkg in "${PACKAGES[@]}"; do
-  dpkg -s "$pkg" >/dev/null 2>&1 || missing+=("$pkg")
+  installed "$pkg" || missing+=("$pkg")
 done
 
 if ((${#missing[@]})); then
