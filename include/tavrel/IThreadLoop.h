@@ -12,9 +12,9 @@ public:
     struct ReadyToRun {
         static constexpr int32_t kNotGiven = INT32_MIN;
 
-        std::string threadName;         // empty: use the loop's own name
-        int32_t policy = kNotGiven;     // scheduling policy, or kNotGiven
-        int32_t priority = kNotGiven;   // scheduling priority, or kNotGiven
+        std::string threadName;        // empty: use the loop's own name
+        int32_t policy = kNotGiven;    // scheduling policy, or kNotGiven
+        int32_t priority = kNotGiven;  // scheduling priority, or kNotGiven
     };
 
     virtual ~IThreadLoop() {}

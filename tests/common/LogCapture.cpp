@@ -16,7 +16,7 @@ LogCapture::LogCapture(LogSwitches switches) {
         mSavedMasks[i] = g_logInfoLv[i].enableMask.load();
         const uint64_t others = mSavedMasks[i] & ~kModuleBit;
         g_logInfoLv[i].enableMask.store(switches.debugPrintModuleBit ? others | kModuleBit
-                                                                      : others);
+                                                                     : others);
     }
     tavrel::host::setDebugPrintSink(&LogCapture::onDebugPrint, this);
     mPrevious = ULogger::sULogger.exchange(this);

@@ -27,8 +27,8 @@ struct DebugPrintLine {
 };
 
 struct LogSwitches {
-    uint32_t mode = 0x3;            // both routes
-    uint32_t detailsLevel = 5;      // every level
+    uint32_t mode = 0x3;        // both routes
+    uint32_t detailsLevel = 5;  // every level
     uint32_t detailsMask = 0x08002000;
     bool debugPrintModuleBit = true;  // bit 55 on every level's record
 };
@@ -53,13 +53,13 @@ private:
     static void onDebugPrint(void* cookie, const char* tag, cam_debug_level_t level,
                              const char* text);
 
-    mutable std::mutex mMutex;                  // guards the three records below
-    std::vector<UnifiedLine> mUnified;          // unified-route lines, in order
-    std::vector<DebugPrintLine> mDebugPrint;    // debug-print lines, in order
-    std::vector<int> mFlushes;                  // arguments of flush()
-    NSCam::Utils::ULog::ULogger* mPrevious;     // logger to put back
-    LogSwitches mSaved;                         // switches to put back
-    uint64_t mSavedMasks[kLogInfoLevels];       // debug-print enable masks to put back
+    mutable std::mutex mMutex;                // guards the three records below
+    std::vector<UnifiedLine> mUnified;        // unified-route lines, in order
+    std::vector<DebugPrintLine> mDebugPrint;  // debug-print lines, in order
+    std::vector<int> mFlushes;                // arguments of flush()
+    NSCam::Utils::ULog::ULogger* mPrevious;   // logger to put back
+    LogSwitches mSaved;                       // switches to put back
+    uint64_t mSavedMasks[kLogInfoLevels];     // debug-print enable masks to put back
 };
 
 }  // namespace tavrel::test
