@@ -233,8 +233,10 @@ TEST_F(VividTest, MonitorDrivenCaptureQueuesAndDequeuesThroughTheWrappers) {
                                  V4L2_BUF_FLAG_QUEUED | V4L2_BUF_FLAG_DONE),
                   static_cast<uint32_t>(V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC))
             << "frame " << i;
+        // Never backwards. Not strictly forwards: the driver counts frames from elapsed
+        // time, and under emulation its thread may run twice within one frame period.
         if (i > 0) {
-            EXPECT_GT(frame.sequence, record.frames[i - 1].sequence) << "frame " << i;
+            EXPECT_GE(frame.sequence, record.frames[i - 1].sequence) << "frame " << i;
         }
     }
     // Readable means a finished buffer: no wake-up came without one.
