@@ -93,6 +93,17 @@ for backend in raw monitor libevent libev libuv; do
   done
 done
 
+# The wrappers' own instructions: the wrapped micro-benchmarks under callgrind, where each
+# wrapper's inclusive count is set against the bare libc call it makes.
+if [[ -x "$build/bench/syscall_bench" ]]; then
+  echo "perf: wrapper instructions under callgrind"
+  for name in WrappedEventfdWriteRead WrappedIoctl; do
+    valgrind --tool=callgrind --callgrind-out-file="$out/callgrind/wrapper-$name.out" \
+      "$build/bench/syscall_bench" --benchmark_filter="^BM_$name\$" \
+      --benchmark_min_time=0.01 >"$out/callgrind/wrapper-$name.log" 2>&1
+  done
+fi
+
 echo "perf: timer wake-up latency ($timer_runs runs of 5000 expiries at 1 ms)"
 for ((run = 1; run <= timer_runs; run++)); do
   # A failed run is left out of the page (which says how many runs it has), not fatal.
@@ -113,6 +124,7 @@ for bench in "${benches[@]}"; do
 done
 echo "load at end: $(cut -d' ' -f1-3 /proc/loadavg)" >>"$out/machine.txt"
 
+mkdir -p docs
 python3 bench/compare/perf_report.py "$out" docs/performance.md "$out/plot.dat"
 gnuplot -e "datafile='$out/plot.dat'; outfile='docs/performance.svg'" bench/compare/performance.gp
 echo "perf: wrote docs/performance.md and docs/performance.svg"
