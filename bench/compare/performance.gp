@@ -10,7 +10,7 @@ set xlabel "N (socket pairs)"
 set ylabel "ns per callback"
 set yrange [0:*]
 set grid ytics
-set key top left
+set key bottom right Left reverse
 actives = "1 10 100"
 do for [i = 1:3] {
     set title sprintf("A = %s active", word(actives, i))
