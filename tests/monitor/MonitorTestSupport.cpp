@@ -10,8 +10,9 @@ namespace {
 
 // Long enough for any loaded machine; only a broken monitor makes a wait run out.
 constexpr std::chrono::seconds kEventGuard{20};
-// The host log's line head after the tag and level letter: date, time, pid, tid.
-constexpr const char* kHostLineHead = " [-0-9]+ [0-9:.]+ [0-9]+ [0-9]+ ";
+// The host log's line head after the tag and level letter: date, time, pid, tid. The
+// numbers are padded to a width, so a short pid or tid brings extra blanks.
+constexpr const char* kHostLineHead = " [-0-9]+ +[0-9:.]+ +[0-9]+ +[0-9]+ ";
 
 }  // namespace
 
