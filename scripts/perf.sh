@@ -13,13 +13,13 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-blocks=10
+blocks=20
 rounds=20
 timer_runs=3
 callgrind_rounds=10
 while (($#)); do
   case "$1" in
-    --full) blocks=30 rounds=40 timer_runs=5 ;;
+    --full) blocks=40 rounds=40 timer_runs=5 ;;
     --blocks) blocks="$2"; shift ;;
     --rounds) rounds="$2"; shift ;;
     --timer-runs) timer_runs="$2"; shift ;;

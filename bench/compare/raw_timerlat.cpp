@@ -62,7 +62,7 @@ timespec toTimespec(int64_t ns) {
     return {ns / kNsPerSec, ns % kNsPerSec};
 }
 
-// Wake-up minus deadline of the latest expiry, one sample per wake-up.
+// Wake-up minus the deadline it was due for, one sample per wake-up.
 std::vector<int64_t> measure(const Settings& settings) {
     host::UniqueFd timer(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
     host::UniqueFd epoll(::epoll_create1(EPOLL_CLOEXEC));
@@ -85,8 +85,10 @@ std::vector<int64_t> measure(const Settings& settings) {
         const int64_t wokeNs = nowNs();
         uint64_t count = 0;
         if (::read(timer.get(), &count, sizeof count) != sizeof count) continue;
+        // Late by more than an interval, the wake-up serves several expiries; like
+        // tavrel-timerlat, measure it against the earliest of them, the one it was due for.
+        const int64_t deadlineNs = firstNs + static_cast<int64_t>(expiries) * intervalNs;
         expiries += count;
-        const int64_t deadlineNs = firstNs + static_cast<int64_t>(expiries - 1) * intervalNs;
         latencies.push_back(wokeNs - deadlineNs);
     }
     return latencies;
