@@ -73,8 +73,8 @@ std::vector<int64_t> measure(const Settings& settings) {
 
     const int64_t intervalNs = settings.intervalUs * kNsPerUs;
     const int64_t firstNs = nowNs() + intervalNs;
-    const itimerspec spec{toTimespec(intervalNs), toTimespec(firstNs)};
-    if (::timerfd_settime(timer.get(), TFD_TIMER_ABSTIME, &spec, nullptr) != 0) fail("settime");
+    const itimerspec setting{toTimespec(intervalNs), toTimespec(firstNs)};
+    if (::timerfd_settime(timer.get(), TFD_TIMER_ABSTIME, &setting, nullptr) != 0) fail("settime");
 
     std::vector<int64_t> latencies;
     latencies.reserve(static_cast<size_t>(settings.loops));
