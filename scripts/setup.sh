@@ -8,6 +8,7 @@ readonly PACKAGES=(
   clang clang-format libc++-14-dev libc++abi-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   android-liblog-dev android-libutils-dev
+  libevent-dev libev-dev libuv1-dev valgrind
 )
 
 # Asks for the native instance first: once a foreign architecture (arm64, for the
