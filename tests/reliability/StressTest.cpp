@@ -1,0 +1,306 @@
+// Eight clients hammer one running monitor with short-lived eventfds, pipes and Timers,
+// attaching, signalling, modifying, detaching and closing them, while relay observers
+// attach and detach others from inside onEvent. Every unit a client produced is consumed,
+// no observer is called once its detach has settled, the monitor's counters and dump add
+// up to the calls made, and the process holds the same descriptors before and after.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <deque>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "DrainObserver.h"
+#include "Figures.h"
+#include "OpenDescriptors.h"
+#include "RunBudget.h"
+#include "RuntimeDump.h"
+#include "monitor/MonitorTestSupport.h"
+#include "tavrel/SystemCall.h"
+#include "tavrel/Timer.h"
+#include "tavrel/platform/ThreadDriver.h"
+#include "tavrel/platform/UniqueFd.h"
+#include "timer/RunningMonitor.h"
+
+namespace tavrel::test {
+namespace {
+
+using NSCam::NSTavrel::IThreadLoop;
+using NSCam::NSTavrel::Timer;
+namespace System = NSCam::NSTavrel::System;
+
+constexpr int kClients = 8;
+constexpr std::chrono::milliseconds kReleaseDuration{2000};
+// Rounds of all clients together; time is the usual limit.
+constexpr uint64_t kReleaseRounds = 40000;
+// Units written per signal: 1 to this many.
+constexpr uint64_t kMostUnitsPerSignal = 3;
+// Detached Timers kept alive a while, so that a late call would find a live object
+// (in every build) rather than freed memory (which only the sanitizers see).
+constexpr size_t kTimersKeptAlive = 16;
+constexpr int kDescriptorFlags = EFD_CLOEXEC | EFD_NONBLOCK;
+constexpr timespec kOnce = {0, 0};
+
+// Sums over all clients.
+struct Totals {
+    std::atomic<uint64_t> rounds{0};
+    std::atomic<uint64_t> attaches{0};  // attach() calls that returned, any thread
+    std::atomic<uint64_t> detaches{0};  // detach() calls that returned, any thread
+    std::atomic<uint64_t> lost{0};      // waits for a dispatch that ran out
+    std::atomic<uint64_t> failures{0};  // descriptors that could not be made or written
+};
+
+// One client thread's work: rounds of one kind of descriptor each, in turn.
+class Client {
+public:
+    Client(EpollMonitor& monitor, Totals& totals, uint64_t rounds, const RunBudget& budget,
+           unsigned seed)
+        : mMonitor(monitor), mTotals(totals), mRounds(rounds), mBudget(budget), mRandom(seed) {}
+
+    void run() {
+        DispatchBarrier barrier(mMonitor);
+        mTotals.attaches.fetch_add(1);
+        mBarrier = &barrier;
+        using Round = void (Client::*)();
+        constexpr Round kRounds[] = {&Client::eventFdRound, &Client::pipeRound, &Client::timerRound,
+                                     &Client::relayRound};
+        for (uint64_t i = 0; i < mRounds && !mBudget.expired(); ++i) {
+            (this->*kRounds[i % std::size(kRounds)])();
+            mTotals.rounds.fetch_add(1);
+        }
+        mRecentTimers.clear();
+        mBarrier = nullptr;
+        mTotals.detaches.fetch_add(1);
+    }
+
+    // Every tally this client produced for, with what it produced.
+    const std::vector<std::pair<Tally*, uint64_t>>& accounts() const { return mAccounts; }
+
+private:
+    unsigned long owner() const { return reinterpret_cast<unsigned long>(this); }
+
+    void attach(IEventObserver* observer, int events) {
+        mMonitor.attach(observer, events);
+        mTotals.attaches.fetch_add(1);
+    }
+
+    void detach(IEventObserver* observer, Tally& tally) {
+        mMonitor.detach(observer);
+        mTotals.detaches.fetch_add(1);
+        tally.detached.store(true);
+    }
+
+    // Writes a random number of units and waits until the observer has read them all.
+    void signalAndAwait(int fd, DrainObserver::Kind kind, Tally& tally, uint64_t& produced) {
+        const uint64_t units =
+            std::uniform_int_distribution<uint64_t>(1, kMostUnitsPerSignal)(mRandom);
+        if (!produce(fd, kind, units)) {
+            mTotals.failures.fetch_add(1);
+            return;
+        }
+        produced += units;
+        if (!waitUntil([&] { return tally.consumed.load() >= produced; }))
+            mTotals.lost.fetch_add(1);
+    }
+
+    // After the detaches have returned: once the barrier has been dispatched, the batch
+    // that may still have held these observers is over.
+    void settle(std::initializer_list<Tally*> tallies) {
+        if (!mBarrier->pass()) mTotals.lost.fetch_add(1);
+        for (Tally* tally : tallies) tally->settled.store(true);
+    }
+
+    void keep(std::unique_ptr<DrainObserver> observer, uint64_t produced) {
+        mAccounts.emplace_back(&observer->tally(), produced);
+        mGraveyard.push_back(std::move(observer));
+    }
+
+    void eventFdRound() {
+        const int fd = System::EventFD(0, kDescriptorFlags, owner());
+        if (fd < 0) {
+            mTotals.failures.fetch_add(1);
+            return;
+        }
+        auto observer = std::make_unique<DrainObserver>(fd, DrainObserver::Kind::kEventFd);
+        uint64_t produced = 0;
+        attach(observer.get(), EPOLLIN);
+        signalAndAwait(fd, DrainObserver::Kind::kEventFd, observer->tally(), produced);
+        mMonitor.modify(observer.get(), EPOLLIN | EPOLLET);
+        signalAndAwait(fd, DrainObserver::Kind::kEventFd, observer->tally(), produced);
+        detach(observer.get(), observer->tally());
+        settle({&observer->tally()});
+        System::Close(fd, owner());
+        keep(std::move(observer), produced);
+    }
+
+    void pipeRound() {
+        int ends[2] = {-1, -1};
+        if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+            mTotals.failures.fetch_add(1);
+            return;
+        }
+        host::UniqueFd readEnd(ends[0]), writeEnd(ends[1]);
+        auto observer = std::make_unique<DrainObserver>(readEnd.get(), DrainObserver::Kind::kPipe);
+        uint64_t produced = 0;
+        attach(observer.get(), EPOLLIN | EPOLLET);
+        signalAndAwait(writeEnd.get(), DrainObserver::Kind::kPipe, observer->tally(), produced);
+        mMonitor.modify(observer.get(), EPOLLIN);
+        signalAndAwait(writeEnd.get(), DrainObserver::Kind::kPipe, observer->tally(), produced);
+        detach(observer.get(), observer->tally());
+        settle({&observer->tally()});
+        keep(std::move(observer), produced);
+    }
+
+    void timerRound() {
+        auto tally = std::make_shared<Tally>();
+        auto timer =
+            std::make_shared<Timer>("stress", CLOCK_MONOTONIC, [tally] { tally->record(1); });
+        uint64_t produced = 0;
+        attach(timer.get(), static_cast<int>(timer->getEventType()));
+        for (int start = 0; start < 2; ++start) {
+            // A deadline already past: exactly one expiry.
+            const timespec deadline = now();
+            timer->startTimerAbsoluteTime(&deadline, &kOnce);
+            ++produced;
+            if (!waitUntil([&] { return tally->consumed.load() >= produced; }))
+                mTotals.lost.fetch_add(1);
+            // The expiry's own re-arm runs after the callback; a new deadline set before
+            // that dispatch has ended would be re-armed away with it.
+            if (!mBarrier->pass()) mTotals.lost.fetch_add(1);
+            if (start == 0) mMonitor.modify(timer.get(), static_cast<int>(timer->getEventType()));
+        }
+        detach(timer.get(), *tally);
+        settle({tally.get()});
+        timer->stopTimer();
+        mTimerTallies.push_back(tally);
+        mAccounts.emplace_back(tally.get(), produced);
+        mRecentTimers.push_back(std::move(timer));
+        if (mRecentTimers.size() > kTimersKeptAlive) mRecentTimers.pop_front();
+    }
+
+    // The relay attaches the child from inside its onEvent and signals it; the child
+    // detaches itself from inside its own.
+    void relayRound() {
+        const int relayFd = System::EventFD(0, kDescriptorFlags, owner());
+        host::UniqueFd childFd(eventfd(0, kDescriptorFlags));
+        if (relayFd < 0 || !childFd.ok()) {
+            if (relayFd >= 0) System::Close(relayFd, owner());
+            mTotals.failures.fetch_add(1);
+            return;
+        }
+        auto relay = std::make_unique<DrainObserver>(relayFd, DrainObserver::Kind::kEventFd);
+        auto child = std::make_unique<DrainObserver>(childFd.get(), DrainObserver::Kind::kEventFd);
+        DrainObserver* childView = child.get();
+        child->setHook([this, childView](IEventObserver::OnEvent const& event) {
+            event.monitor->detach(childView);
+            mTotals.detaches.fetch_add(1);
+            childView->tally().detached.store(true);
+        });
+        const int childNumber = childFd.get();
+        relay->setHook([this, childView, childNumber](IEventObserver::OnEvent const& event) {
+            event.monitor->attach(childView, EPOLLIN);
+            mTotals.attaches.fetch_add(1);
+            if (!produce(childNumber, DrainObserver::Kind::kEventFd, 1))
+                mTotals.failures.fetch_add(1);
+        });
+        uint64_t produced = 0;
+        attach(relay.get(), EPOLLIN);
+        signalAndAwait(relayFd, DrainObserver::Kind::kEventFd, relay->tally(), produced);
+        if (!waitUntil([&] { return childView->tally().detached.load(); }))
+            mTotals.lost.fetch_add(1);
+        detach(relay.get(), relay->tally());
+        settle({&relay->tally(), &child->tally()});
+        System::Close(relayFd, owner());
+        keep(std::move(relay), produced);
+        keep(std::move(child), 1);
+    }
+
+    EpollMonitor& mMonitor;
+    Totals& mTotals;
+    const uint64_t mRounds;               // count bound of this client
+    const RunBudget& mBudget;             // time bound, shared
+    std::mt19937 mRandom;                 // units per signal
+    DispatchBarrier* mBarrier = nullptr;  // this client's marker, while run() lasts
+    std::vector<std::unique_ptr<DrainObserver>> mGraveyard;  // detached, kept to the end
+    std::vector<std::shared_ptr<Tally>> mTimerTallies;       // outlive their Timers
+    std::deque<std::shared_ptr<Timer>> mRecentTimers;        // the last detached Timers
+    std::vector<std::pair<Tally*, uint64_t>> mAccounts;      // tally, units produced
+};
+
+TEST(ReliabilityStress, EightClientsAccountForEveryEventAndLeaveNothingBehind) {
+    const RunBudget budget(kReleaseDuration, kReleaseRounds);
+    const DescriptorTable before = openDescriptors();
+    Totals totals;
+    uint64_t consumed = 0, inLastBatch = 0, afterSettled = 0, unbalanced = 0;
+    std::optional<RuntimeDump> dump;
+    uint32_t observerCount = 0;
+    {
+        auto monitor = makeMonitor("stress");
+        host::ThreadDriver driver(std::dynamic_pointer_cast<IThreadLoop>(
+            std::static_pointer_cast<IEpollMonitor>(monitor)));
+        std::vector<std::unique_ptr<Client>> clients;
+        for (int i = 0; i < kClients; ++i) {
+            clients.push_back(std::make_unique<Client>(*monitor, totals, budget.count() / kClients,
+                                                       budget, static_cast<unsigned>(i)));
+        }
+        std::vector<std::thread> threads;
+        for (auto& client : clients) threads.emplace_back([&client] { client->run(); });
+        for (auto& thread : threads) thread.join();
+        {
+            // Any late call still in flight lands before this is dispatched.
+            DispatchBarrier last(*monitor);
+            EXPECT_TRUE(last.pass());
+        }
+        totals.attaches.fetch_add(1);
+        totals.detaches.fetch_add(1);
+        driver.stop();
+        for (const auto& client : clients) {
+            for (const auto& [tally, produced] : client->accounts()) {
+                consumed += tally->consumed.load();
+                inLastBatch += tally->inLastBatch.load();
+                afterSettled += tally->afterSettled.load();
+                unbalanced += tally->consumed.load() != produced ? 1 : 0;
+            }
+        }
+        observerCount = monitor->determineFdObserverCount();
+        dump = parseRuntimeDump(monitor->toString_runtime());
+    }
+    const int leaked = descriptorDifference(before, openDescriptors());
+
+    reportFigures("stress",
+                  {{"rounds", static_cast<int64_t>(totals.rounds.load())},
+                   {"events_checked", static_cast<int64_t>(consumed)},
+                   {"attaches", static_cast<int64_t>(totals.attaches.load())},
+                   {"detaches", static_cast<int64_t>(totals.detaches.load())},
+                   {"calls_in_last_batch", static_cast<int64_t>(inLastBatch)},
+                   {"calls_after_settled", static_cast<int64_t>(afterSettled)},
+                   {"lost", static_cast<int64_t>(totals.lost.load())},
+                   {"unbalanced", static_cast<int64_t>(unbalanced)},
+                   {"descriptors_leaked", leaked}},
+                  budget);
+    EXPECT_GT(totals.rounds.load(), static_cast<uint64_t>(kClients));
+    EXPECT_EQ(totals.failures.load(), 0u);
+    EXPECT_EQ(totals.lost.load(), 0u);
+    EXPECT_EQ(unbalanced, 0u);
+    EXPECT_EQ(afterSettled, 0u);
+    EXPECT_EQ(totals.attaches.load(), totals.detaches.load());
+    EXPECT_EQ(observerCount, 0u);
+    ASSERT_TRUE(dump.has_value());
+    EXPECT_EQ(dump->attachCount, static_cast<uint32_t>(totals.attaches.load()));
+    EXPECT_EQ(dump->detachCount, static_cast<uint32_t>(totals.detaches.load()));
+    EXPECT_FALSE(dump->active);
+    EXPECT_TRUE(dump->attached.empty());
+    EXPECT_FALSE(dump->detached.empty());
+    EXPECT_EQ(leaked, 0);
+}
+
+}  // namespace
+}  // namespace tavrel::test

@@ -1,0 +1,144 @@
+// A hundred 1 ms periodic Timers on one monitor while another thread keeps a core busy:
+// every Timer keeps firing to the end of the run and none is left disarmed. A periodic
+// Timer that reads back no time left is set to fire at once; the run counts how often
+// that happened, from the Timers' own verbose re-arm lines.
+#include <gtest/gtest.h>
+#include <sys/timerfd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "Figures.h"
+#include "RearmCounter.h"
+#include "RunBudget.h"
+#include "tavrel/Timer.h"
+#include "tavrel/platform/Properties.h"
+#include "timer/RunningMonitor.h"
+
+namespace tavrel::test {
+namespace {
+
+using NSCam::NSTavrel::Timer;
+
+constexpr int kTimers = 100;
+constexpr long kPeriodNs = 1000000;
+constexpr std::chrono::milliseconds kReleaseDuration{2000};
+// Expiries of all Timers together; at 1 ms each, time is the usual limit.
+constexpr uint64_t kReleaseExpiries = 1000000;
+// Every Timer must have fired in this last share of the run.
+constexpr int kLastPartDivisor = 4;
+constexpr std::chrono::milliseconds kProgressPause{10};
+// A running periodic Timer can read back zero just as it expires; a few looks apart
+// tell that from one that has stopped.
+constexpr int kSettingLooks = 5;
+constexpr std::chrono::milliseconds kSettingPause{2};
+constexpr const char* kLogvProperty = "persist.vendor.camera.tavrel.timer.logv";
+
+// Turns the Timers' verbose lines on for the Timers made while it lives.
+class TimerLogv {
+public:
+    TimerLogv() { host::property_set(kLogvProperty, "1"); }
+    ~TimerLogv() { host::property_set(kLogvProperty, nullptr); }
+};
+
+// Keeps a core busy until it goes.
+class Spinner {
+public:
+    Spinner()
+        : mThread([this] {
+              while (!mStop.load(std::memory_order_relaxed))
+                  mSpins.fetch_add(1, std::memory_order_relaxed);
+          }) {}
+    ~Spinner() {
+        mStop.store(true);
+        mThread.join();
+    }
+    uint64_t spins() const { return mSpins.load(); }
+
+private:
+    std::atomic<bool> mStop{false};
+    std::atomic<uint64_t> mSpins{0};
+    std::thread mThread;  // declared last: starts once the flags exist
+};
+
+bool stopped(int fd) {
+    for (int look = 0; look < kSettingLooks; ++look) {
+        const itimerspec setting = settingOf(fd);
+        if (setting.it_value.tv_sec != 0 || setting.it_value.tv_nsec != 0) return false;
+        std::this_thread::sleep_for(kSettingPause);
+    }
+    return true;
+}
+
+TEST(ReliabilityTimerLoad, HundredPeriodicTimersKeepFiringOnABusyMachine) {
+    const RunBudget budget(kReleaseDuration, kReleaseExpiries);
+    RearmCounter rearms;
+    std::vector<std::atomic<uint64_t>> fired(kTimers);
+    std::vector<std::shared_ptr<Timer>> timers;
+    std::vector<uint64_t> atLastPart(kTimers), atEnd(kTimers);
+    int stoppedAtEnd = 0;
+    uint64_t spins = 0;
+    {
+        TimerLogv logv;
+        for (int i = 0; i < kTimers; ++i) {
+            timers.push_back(std::make_shared<Timer>("load", CLOCK_MONOTONIC, [&fired, i] {
+                fired[static_cast<size_t>(i)].fetch_add(1, std::memory_order_relaxed);
+            }));
+        }
+    }
+    RunningMonitor monitor;
+    {
+        Spinner spinner;
+        const timespec period = {0, kPeriodNs};
+        const timespec first = addNs(now(), kPeriodNs);
+        for (auto& timer : timers) {
+            monitor->attach(timer.get(), static_cast<int>(timer->getEventType()));
+            timer->startTimerAbsoluteTime(&first, &period);
+        }
+        const auto total = [&] {
+            uint64_t sum = 0;
+            for (const auto& count : fired) sum += count.load();
+            return sum;
+        };
+        const auto lastPart = budget.deadline() - budget.duration() / kLastPartDivisor;
+        while (std::chrono::steady_clock::now() < lastPart && total() < budget.count())
+            std::this_thread::sleep_for(kProgressPause);
+        for (int i = 0; i < kTimers; ++i)
+            atLastPart[static_cast<size_t>(i)] = fired[static_cast<size_t>(i)].load();
+        while (!budget.expired() && total() < budget.count())
+            std::this_thread::sleep_for(kProgressPause);
+        for (int i = 0; i < kTimers; ++i)
+            atEnd[static_cast<size_t>(i)] = fired[static_cast<size_t>(i)].load();
+        spins = spinner.spins();
+    }
+    monitor.stop();
+    for (auto& timer : timers) stoppedAtEnd += stopped(timer->getEventFD()) ? 1 : 0;
+    for (auto& timer : timers) monitor->detach(timer.get());
+
+    uint64_t expiries = 0, quietInLastPart = 0, fewestInLastPart = UINT64_MAX;
+    for (int i = 0; i < kTimers; ++i) {
+        const uint64_t late = atEnd[static_cast<size_t>(i)] - atLastPart[static_cast<size_t>(i)];
+        expiries += fired[static_cast<size_t>(i)].load();
+        quietInLastPart += late == 0 ? 1 : 0;
+        fewestInLastPart = std::min(fewestInLastPart, late);
+    }
+    reportFigures("timer_load",
+                  {{"timers", kTimers},
+                   {"expiries", static_cast<int64_t>(expiries)},
+                   {"rearms", static_cast<int64_t>(rearms.rearms())},
+                   {"rearms_fired_at_once", static_cast<int64_t>(rearms.firedAtOnce())},
+                   {"fewest_in_last_part", static_cast<int64_t>(fewestInLastPart)},
+                   {"quiet_in_last_part", static_cast<int64_t>(quietInLastPart)},
+                   {"stopped_at_end", stoppedAtEnd},
+                   {"spins", static_cast<int64_t>(spins)}},
+                  budget);
+    EXPECT_EQ(quietInLastPart, 0u);
+    EXPECT_EQ(stoppedAtEnd, 0);
+    EXPECT_EQ(rearms.rearms(), expiries);
+}
+
+}  // namespace
+}  // namespace tavrel::test
