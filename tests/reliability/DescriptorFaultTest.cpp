@@ -18,6 +18,7 @@
 #include "Figures.h"
 #include "OpenDescriptors.h"
 #include "RunBudget.h"
+#include "SettledWindow.h"
 #include "common/LogCapture.h"
 #include "monitor/MonitorTestSupport.h"
 #include "tavrel/SystemCall.h"
@@ -33,6 +34,8 @@ namespace System = NSCam::NSTavrel::System;
 constexpr std::chrono::milliseconds kReleaseDuration{1000};
 constexpr uint64_t kReleaseRounds = 500;
 constexpr int kObserversPerRound = 4;
+// Settled observers kept alive (see SettledWindow).
+constexpr size_t kKeptAlive = 64;
 constexpr int kDescriptorFlags = EFD_CLOEXEC | EFD_NONBLOCK;
 constexpr int kTimerFlags = TFD_CLOEXEC | TFD_NONBLOCK;
 constexpr int kErrorLevel = 1;
@@ -51,22 +54,24 @@ std::string removalLine(int fd) {
 TEST(ReliabilityDescriptorFaults, OwnersClosingBeforeDetachLeaveNothingBehind) {
     const RunBudget budget(kReleaseDuration, kReleaseRounds);
     const DescriptorTable before = openDescriptors();
-    uint64_t rounds = 0, detaches = 0, removalLines = 0, consumed = 0, afterSettled = 0;
+    uint64_t rounds = 0, detaches = 0, removalLines = 0, consumed = 0, afterSettled = 0,
+             unbalanced = 0;
     uint32_t observerCount = 0;
     {
         auto monitor = makeMonitor("closed");
         host::ThreadDriver driver(loopOf(monitor));
         DispatchBarrier barrier(*monitor);
-        std::vector<std::unique_ptr<DrainObserver>> graveyard;
+        SettledWindow settled(kKeptAlive);
         LogCapture capture;
         for (; rounds < budget.count() && !budget.expired(); ++rounds) {
             std::vector<host::UniqueFd> fds;
+            std::vector<std::shared_ptr<DrainObserver>> owners;
             std::vector<DrainObserver*> observers;
             for (int i = 0; i < kObserversPerRound; ++i) {
                 fds.emplace_back(eventfd(0, kDescriptorFlags));
-                graveyard.push_back(std::make_unique<DrainObserver>(fds.back().get(),
-                                                                    DrainObserver::Kind::kEventFd));
-                observers.push_back(graveyard.back().get());
+                owners.push_back(std::make_shared<DrainObserver>(fds.back().get(),
+                                                                 DrainObserver::Kind::kEventFd));
+                observers.push_back(owners.back().get());
                 monitor->attach(observers.back(), EPOLLIN);
                 ASSERT_TRUE(produce(fds.back().get(), DrainObserver::Kind::kEventFd, 1));
             }
@@ -88,13 +93,16 @@ TEST(ReliabilityDescriptorFaults, OwnersClosingBeforeDetachLeaveNothingBehind) {
                 }
             }
             ASSERT_TRUE(barrier.pass());
-            for (DrainObserver* observer : observers) observer->tally().settled = true;
+            for (auto& owner : owners) {
+                owner->tally().settled = true;
+                settled.add(owner, &owner->tally(), 1);
+            }
         }
         ASSERT_TRUE(barrier.pass());
-        for (const auto& observer : graveyard) {
-            consumed += observer->tally().consumed.load();
-            afterSettled += observer->tally().afterSettled.load();
-        }
+        settled.foldAll();
+        consumed = settled.sums().consumed;
+        afterSettled = settled.sums().afterSettled;
+        unbalanced = settled.sums().unbalanced;
         observerCount = monitor->determineFdObserverCount();
     }
     const int leaked = descriptorDifference(before, openDescriptors());
@@ -109,6 +117,7 @@ TEST(ReliabilityDescriptorFaults, OwnersClosingBeforeDetachLeaveNothingBehind) {
     EXPECT_GT(rounds, 0u);
     EXPECT_EQ(removalLines, detaches);
     EXPECT_EQ(consumed, detaches);
+    EXPECT_EQ(unbalanced, 0u);
     EXPECT_EQ(afterSettled, 0u);
     // The barrier's own marker is the one observer left.
     EXPECT_EQ(observerCount, 1u);

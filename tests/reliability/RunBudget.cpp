@@ -47,13 +47,15 @@ long soakSeconds() {
 
 BuildKind buildKind() {
 #if defined(TAVREL_RELIABILITY_TSAN)
-    return {"tsan", kThreadSanitizerSlowdown};
+    constexpr BuildKind kSanitized = {"tsan", kThreadSanitizerSlowdown};
 #elif defined(TAVREL_RELIABILITY_ASAN)
-    return {"asan", kAddressSanitizerSlowdown};
+    constexpr BuildKind kSanitized = {"asan", kAddressSanitizerSlowdown};
 #else
+    constexpr BuildKind kSanitized = {nullptr, 1};
+#endif
+    if (kSanitized.name != nullptr) return kSanitized;
     if (underValgrind()) return {"valgrind", kValgrindSlowdown};
     return {"release", 1};
-#endif
 }
 
 RunBudget::RunBudget(std::chrono::milliseconds releaseDuration, uint64_t releaseCount)

@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <deque>
 #include <iterator>
 #include <memory>
 #include <optional>
@@ -23,6 +22,7 @@
 #include "OpenDescriptors.h"
 #include "RunBudget.h"
 #include "RuntimeDump.h"
+#include "SettledWindow.h"
 #include "monitor/MonitorTestSupport.h"
 #include "tavrel/SystemCall.h"
 #include "tavrel/Timer.h"
@@ -43,9 +43,8 @@ constexpr std::chrono::milliseconds kReleaseDuration{2000};
 constexpr uint64_t kReleaseRounds = 40000;
 // Units written per signal: 1 to this many.
 constexpr uint64_t kMostUnitsPerSignal = 3;
-// Detached Timers kept alive a while, so that a late call would find a live object
-// (in every build) rather than freed memory (which only the sanitizers see).
-constexpr size_t kTimersKeptAlive = 16;
+// Settled observers each client keeps alive (see SettledWindow).
+constexpr size_t kKeptAlivePerClient = 64;
 constexpr int kDescriptorFlags = EFD_CLOEXEC | EFD_NONBLOCK;
 constexpr timespec kOnce = {0, 0};
 
@@ -63,7 +62,12 @@ class Client {
 public:
     Client(EpollMonitor& monitor, Totals& totals, uint64_t rounds, const RunBudget& budget,
            unsigned seed)
-        : mMonitor(monitor), mTotals(totals), mRounds(rounds), mBudget(budget), mRandom(seed) {}
+        : mMonitor(monitor),
+          mTotals(totals),
+          mRounds(rounds),
+          mBudget(budget),
+          mRandom(seed),
+          mSettled(kKeptAlivePerClient) {}
 
     void run() {
         DispatchBarrier barrier(mMonitor);
@@ -76,13 +80,15 @@ public:
             (this->*kRounds[i % std::size(kRounds)])();
             mTotals.rounds.fetch_add(1);
         }
-        mRecentTimers.clear();
         mBarrier = nullptr;
         mTotals.detaches.fetch_add(1);
     }
 
-    // Every tally this client produced for, with what it produced.
-    const std::vector<std::pair<Tally*, uint64_t>>& accounts() const { return mAccounts; }
+    // Main thread, after the last barrier: what all observers of this client consumed.
+    const SettledWindow::Sums& settle() {
+        mSettled.foldAll();
+        return mSettled.sums();
+    }
 
 private:
     unsigned long owner() const { return reinterpret_cast<unsigned long>(this); }
@@ -119,8 +125,8 @@ private:
     }
 
     void keep(std::unique_ptr<DrainObserver> observer, uint64_t produced) {
-        mAccounts.emplace_back(&observer->tally(), produced);
-        mGraveyard.push_back(std::move(observer));
+        Tally* tally = &observer->tally();
+        mSettled.add(std::shared_ptr<DrainObserver>(std::move(observer)), tally, produced);
     }
 
     void eventFdRound() {
@@ -180,10 +186,8 @@ private:
         detach(timer.get(), *tally);
         settle({tally.get()});
         timer->stopTimer();
-        mTimerTallies.push_back(tally);
-        mAccounts.emplace_back(tally.get(), produced);
-        mRecentTimers.push_back(std::move(timer));
-        if (mRecentTimers.size() > kTimersKeptAlive) mRecentTimers.pop_front();
+        // The callback holds the tally, so the Timer keeps it alive.
+        mSettled.add(timer, tally.get(), produced);
     }
 
     // The relay attaches the child from inside its onEvent and signals it; the child
@@ -229,10 +233,7 @@ private:
     const RunBudget& mBudget;             // time bound, shared
     std::mt19937 mRandom;                 // units per signal
     DispatchBarrier* mBarrier = nullptr;  // this client's marker, while run() lasts
-    std::vector<std::unique_ptr<DrainObserver>> mGraveyard;  // detached, kept to the end
-    std::vector<std::shared_ptr<Tally>> mTimerTallies;       // outlive their Timers
-    std::deque<std::shared_ptr<Timer>> mRecentTimers;        // the last detached Timers
-    std::vector<std::pair<Tally*, uint64_t>> mAccounts;      // tally, units produced
+    SettledWindow mSettled;  // detached and settled observers, with what they were sent
 };
 
 TEST(ReliabilityStress, EightClientsAccountForEveryEventAndLeaveNothingBehind) {
@@ -263,12 +264,11 @@ TEST(ReliabilityStress, EightClientsAccountForEveryEventAndLeaveNothingBehind) {
         totals.detaches.fetch_add(1);
         driver.stop();
         for (const auto& client : clients) {
-            for (const auto& [tally, produced] : client->accounts()) {
-                consumed += tally->consumed.load();
-                inLastBatch += tally->inLastBatch.load();
-                afterSettled += tally->afterSettled.load();
-                unbalanced += tally->consumed.load() != produced ? 1 : 0;
-            }
+            const SettledWindow::Sums& sums = client->settle();
+            consumed += sums.consumed;
+            inLastBatch += sums.inLastBatch;
+            afterSettled += sums.afterSettled;
+            unbalanced += sums.unbalanced;
         }
         observerCount = monitor->determineFdObserverCount();
         dump = parseRuntimeDump(monitor->toString_runtime());

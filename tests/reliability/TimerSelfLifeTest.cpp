@@ -102,6 +102,7 @@ bool disarmed(int fd) {
 TEST(ReliabilityTimerSelfLife, CallbackRestartsStopsAndDropsItsOwnTimerInTurn) {
     const RunBudget budget(kReleaseDuration, kReleaseLives);
     RunningMonitor monitor;
+    DispatchBarrier barrier(*monitor);
     uint64_t lives = 0, stoppedSeen = 0, restartedFromOutside = 0, good = 0, lost = 0;
     while (lives < budget.count() && !budget.expired()) {
         std::vector<std::unique_ptr<Life>> batch;
@@ -110,15 +111,22 @@ TEST(ReliabilityTimerSelfLife, CallbackRestartsStopsAndDropsItsOwnTimerInTurn) {
             begin(*batch.back(), *monitor);
         }
         for (auto& life : batch) {
-            if (!waitUntil([&] { return life->phase.load() >= kStops; })) {
-                ++lost;
-                continue;
-            }
+            if (!waitUntil([&] { return life->phase.load() >= kStops; })) ++lost;
+        }
+        // A restart from here must wait until the stopping expiry's own re-arm has run:
+        // a one-shot deadline reached before that re-arm reads back as spent, and the
+        // re-arm would clear its expiry unseen.
+        if (!barrier.pass()) ++lost;
+        for (auto& life : batch) {
+            if (life->phase.load() < kStops) continue;
             // The callback stopped it; its re-arm keeps it stopped until someone restarts it.
             stoppedSeen += disarmed(life->fd) ? 1 : 0;
-            if (std::shared_ptr<Timer> timer = life->watch.lock()) {
+            // Through the one owner, under its lock: a second owner held here could
+            // outlive the callback's drop and move the destruction to this thread.
+            std::lock_guard<std::mutex> lock(life->ownerMutex);
+            if (life->owner != nullptr) {
                 const timespec soon = addNs(now(), kSoonNs);
-                timer->startTimerAbsoluteTime(&soon, &kOnce);
+                life->owner->startTimerAbsoluteTime(&soon, &kOnce);
                 ++restartedFromOutside;
             }
         }
