@@ -1,14 +1,20 @@
 #include "LatencyProbe.h"
 
-#include <cmath>
+#include <algorithm>
 #include <string>
 
-#include "tavrel/SystemCall.h"
+#include "Deadline.h"
 
 namespace tavrel::timerlat {
 namespace {
 
 constexpr int64_t kNsPerSec = 1000 * 1000 * 1000;
+// A look at the timer is taken again when its clock readings are further apart than this,
+// up to kMaxLooks times: the deadlines it gives can be early by that much. Its two system
+// calls take about a microsecond, except in the first look after an expiry, in which the
+// kernel restarts the timer; a look much wider than that was preempted.
+constexpr int64_t kTightLookNs = 5 * 1000;
+constexpr int kMaxLooks = 8;
 
 int64_t toNs(const timespec& t) {
     return int64_t{t.tv_sec} * kNsPerSec + t.tv_nsec;
@@ -32,7 +38,9 @@ LatencyProbe::LatencyProbe(int index, clockid_t clock, int64_t firstDeadlineNs, 
       mIntervalNs(intervalNs),
       mLoops(loops),
       mFirstDeadlineNs(firstDeadlineNs),
-      mExpectedNs(firstDeadlineNs),
+      // start() arms this deadline as an absolute time: the first expiry is due exactly then.
+      mFloorNs(firstDeadlineNs),
+      mPreviousNextNs(firstDeadlineNs),
       mTimer(std::make_shared<NSCam::NSTavrel::Timer>(std::to_string(index).c_str(), clock,
                                                       [this] { onExpiry(); })) {}
 
@@ -42,33 +50,21 @@ void LatencyProbe::start() {
     mTimer->startTimerAbsoluteTime(&value, &interval);
 }
 
-// The Timer re-arms itself relative to the time of the re-arm, so every deadline after the
-// first is the one the kernel had scheduled plus the re-arm's own slip. The kernel knows
-// the deadline that follows this one (it has moved the timer past now by whole intervals),
-// so this one is that minus the number of intervals that lands nearest to the expected
-// deadline; the slip is far below half an interval, which makes the choice exact.
-LatencyProbe::Reading LatencyProbe::readDeadlines(int64_t wokeNs) {
-    itimerspec setting{};
-    const int readResult = NSCam::NSTavrel::System::TimerFDGetTime(mTimer->getEventFD(), &setting);
-    const int64_t readNs = nowNs(mClock);
-    const int64_t remainingNs = toNs(setting.it_value);
-    if (readResult < 0 || remainingNs == 0) return {mExpectedNs, mExpectedNs + mIntervalNs};
-    // The kernel read its clock between the two readings of ours.
-    const int64_t nextNs = wokeNs + (readNs - wokeNs) / 2 + remainingNs;
-    const double periods = std::round(static_cast<double>(nextNs - mExpectedNs) / mIntervalNs);
-    const int64_t back = periods < 1 ? 1 : static_cast<int64_t>(periods);
-    return {nextNs - back * mIntervalNs, nextNs};
-}
-
 void LatencyProbe::onExpiry() {
     const int64_t wokeNs = nowNs(mClock);
     if (done()) return;
-    const Reading reading = readDeadlines(wokeNs);
-    const int64_t latencyNs = wokeNs - reading.deadlineNs;
+    // Before the Timer re-arms: the kernel still counts expirations from the deadline the
+    // last re-arm (or start()) set, which is the one this expiry was due at.
+    const TimerLook look = lookAt(mTimer->getEventFD(), mClock, kTightLookNs, kMaxLooks);
+    const ExpiryDeadlines deadlines = deadlinesOf(look, mIntervalNs, mFloorNs);
+    const int64_t latencyNs = wokeNs - deadlines.dueNs;
     mLatencies.push_back(latencyNs);
-    if (!mFirst) mSlips.push_back(reading.deadlineNs - mExpectedNs);
+    if (!mFirst) mSlips.push_back(slipOf(deadlines.dueNs, mPreviousNextNs, mIntervalNs));
     mFirst = false;
-    mExpectedNs = reading.nextNs;
+    mPreviousNextNs = deadlines.nextNs;
+    // The re-arm that follows sets a deadline no sooner than the kernel's next one, and in
+    // the future of everything this callback has seen.
+    mFloorNs = std::max(deadlines.nextNs, look.afterNs);
     if (latencyNs > maxNs()) mMaxNs.store(latencyNs, std::memory_order_relaxed);
     const int64_t count = mCount.fetch_add(1, std::memory_order_relaxed) + 1;
     if (mLoops != 0 && count >= mLoops) {

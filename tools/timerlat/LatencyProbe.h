@@ -38,20 +38,13 @@ public:
 private:
     // Monitor thread: the timer's callback.
     void onExpiry();
-    // The deadline an expiry was due at, and the one the kernel has scheduled after it.
-    struct Reading {
-        int64_t deadlineNs;  // what the callback's latency is measured against
-        int64_t nextNs;      // before the re-arm moves it by its slip
-    };
-
-    // Monitor thread: reads both deadlines back from the timer; `wokeNs` is the wake-up.
-    Reading readDeadlines(int64_t wokeNs);
 
     const clockid_t mClock;           // the timer's clock, also used to take the wake-up time
     const int64_t mIntervalNs;        // the timer's period
     const int64_t mLoops;             // expiries to record before stopping the timer; 0: all
-    const int64_t mFirstDeadlineNs;   // what start() arms; never changes, unlike mExpectedNs
-    int64_t mExpectedNs;              // the deadline scheduled next, before the re-arm's slip
+    const int64_t mFirstDeadlineNs;   // what start() arms; never changes
+    int64_t mFloorNs;                 // the next expiry cannot be due before this
+    int64_t mPreviousNextNs;          // the kernel's next deadline at the last expiry
     bool mFirst = true;               // the first expiry has no previous deadline to slip from
     std::vector<int64_t> mLatencies;  // wake-up minus deadline, per expiry
     std::vector<int64_t> mSlips;      // how far each re-arm moved the next deadline

@@ -79,6 +79,16 @@ void printReport(std::ostream& out, const Options& options, double elapsedSec,
     }
     printRow(out, overall.label, summarize(overall.latencies, overall.slips, intervalNs));
     out << "latency, slip: us; overruns: expiries a whole interval late or more\n";
+    // Each deadline is placed no later than it was, so a latency below zero means the
+    // clock itself went backwards; shown as measured, and said so.
+    const auto early = std::count_if(overall.latencies.begin(), overall.latencies.end(),
+                                     [](int64_t latency) { return latency < 0; });
+    if (early > 0) {
+        out << format(
+            "warning: %lld callbacks ran before their deadline: the %s clock went "
+            "backwards\n",
+            static_cast<long long>(early), options.clockName.c_str());
+    }
     if (!overall.latencies.empty()) printHistogram(out, overall.latencies);
 }
 
