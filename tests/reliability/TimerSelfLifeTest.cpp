@@ -27,6 +27,7 @@ constexpr uint64_t kReleaseLives = 4000;
 constexpr int kTimersAtOnce = 8;
 constexpr long kSoonNs = 200000;
 constexpr long kPeriodNs = 1000000;
+constexpr long kRestartPeriodNs = 2000000;
 constexpr timespec kOnce = {0, 0};
 
 enum Phase : int { kRestarts = 1, kStops = 2, kDrops = 3 };
@@ -66,9 +67,12 @@ void onExpiry(Life* life, IEpollMonitor* monitor) {
     const int phase = life->phase.load() + 1;
     std::lock_guard<std::mutex> lock(life->ownerMutex);
     if (phase == kRestarts) {
-        // A new one-shot deadline replaces the period; the re-arm keeps it.
+        // A new deadline and period replace the first; the re-arm after this callback
+        // keeps them. Periodic, because a one-shot deadline that passes before that
+        // re-arm reads back as spent and its expiry would be cleared unseen.
         const timespec soon = addNs(now(), kSoonNs);
-        life->owner->startTimerAbsoluteTime(&soon, &kOnce);
+        const timespec period = {0, kRestartPeriodNs};
+        life->owner->startTimerAbsoluteTime(&soon, &period);
     } else if (phase == kStops) {
         life->owner->stopTimer();
     } else {
