@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cerrno>
+#include <tuple>
 #include <type_traits>
 
 #include "utils/log/FatalReport.h"
@@ -49,20 +50,76 @@ T failureResult(int err) {
     }
 }
 
-// `call` makes the system call and returns its raw result. `logError(function, result,
-// err)` writes the wrapper's error line; `function` is the wrapper's name.
-template <typename Call, typename LogError>
-auto checked(const Rule& rule, const char* function, Call call, LogError logError) {
-    using Result = decltype(call());
-    Trace::Section trace(rule.traceCategory, rule.section);
-    const Result result = call();
-    if (!isFailure(result, rule.fails)) return result;
+// The failure half of the contract, up to the end of the trace section. Runs right after
+// the failed call: nothing between the call and the errno read below can change errno.
+template <typename Result, typename LogError, typename... Args>
+__attribute__((noinline, cold)) Result failed(uint64_t traceCategory, const char* function,
+                                              int silentErrno, const char* driverFormat,
+                                              LogError logError, Result result,
+                                              const std::tuple<Args...>& args) {
     const int err = errno;
-    if (err == rule.silentErrno) return failureResult<Result>(err);
-    logError(function, result, err);
-    handleErrno(err);
-    if (rule.driverFormat != nullptr) Log::driverReport(rule.driverFormat, err);
+    if (err != silentErrno) {
+        std::apply([&](Args... values) { logError(function, result, err, values...); }, args);
+        handleErrno(err);
+        if (driverFormat != nullptr) Log::driverReport(driverFormat, err);
+    }
+    if (Trace::enabled(traceCategory)) atrace_end_body();
     return failureResult<Result>(err);
+}
+
+// From the first test of the exit gate on, for a section whose category bit is on.
+template <typename Result>
+__attribute__((noinline, cold)) Result endSection(Result result) {
+    Trace::endIfTagged();
+    return result;
+}
+
+// The call and what follows it, once the entry gate's category test has been made.
+template <typename Call, typename LogError, typename... Args>
+__attribute__((always_inline)) inline auto callAndClose(uint64_t traceCategory, Fails fails,
+                                                        const char* function, int silentErrno,
+                                                        const char* driverFormat, Call call,
+                                                        LogError logError, Args... args) {
+    using Result = decltype(call(args...));
+    // Kept in memory for the error line: the call clobbers the registers that hold them,
+    // and a store each is cheaper than keeping them in registers the call preserves.
+    const std::tuple<Args...> saved{args...};
+    const Result result = call(args...);
+    if (__builtin_expect(isFailure(result, fails), 0)) {
+        return failed(traceCategory, function, silentErrno, driverFormat, logError, result, saved);
+    }
+    if (__builtin_expect(Trace::categoryOn(traceCategory), 0)) return endSection(result);
+    return result;
+}
+
+// The whole contract for a section whose category bit was on at entry.
+template <typename Call, typename LogError, typename... Args>
+__attribute__((noinline, cold)) auto tracedCall(uint64_t traceCategory, const char* section,
+                                                Fails fails, const char* function, int silentErrno,
+                                                const char* driverFormat, Call call,
+                                                LogError logError, Args... args) {
+    Trace::beginIfTagged(section);
+    return callAndClose(traceCategory, fails, function, silentErrno, driverFormat, call, logError,
+                        args...);
+}
+
+// `call(args...)` makes the system call and returns its raw result. `logError(function,
+// result, err, args...)` writes the wrapper's error line; `function` is the wrapper's
+// name. Both capture nothing: the arguments travel as scalars, so the success path builds
+// no object for the paths it does not take. That path is the category test, the call, the
+// failure test and the category test again; the failure and the traced paths run out of
+// line. Always inlined, so the rule folds into constants.
+template <typename Call, typename LogError, typename... Args>
+__attribute__((always_inline)) inline auto checked(const Rule& rule, const char* function,
+                                                   Call call, LogError logError, Args... args) {
+    static_assert(std::is_empty_v<Call> && std::is_empty_v<LogError>,
+                  "the call and its error line take what they need as arguments");
+    if (__builtin_expect(Trace::categoryOn(rule.traceCategory), 0)) {
+        return tracedCall(rule.traceCategory, rule.section, rule.fails, function, rule.silentErrno,
+                          rule.driverFormat, call, logError, args...);
+    }
+    return callAndClose(rule.traceCategory, rule.fails, function, rule.silentErrno,
+                        rule.driverFormat, call, logError, args...);
 }
 
 // For calls whose success value is 0 by contract, whatever the call returned.
