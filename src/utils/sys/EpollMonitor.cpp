@@ -56,15 +56,21 @@ constexpr const char* kNotAttachedMessage = "(%d, %p) not found";
 // Trace names formatted at run time must fit whole, or the section goes unnamed.
 constexpr size_t kTraceNameSize = 128;
 
-// Formats a trace name; leaves it empty rather than cut when it does not fit.
-__attribute__((format(printf, 2, 3))) void formatTraceName(char (&name)[kTraceNameSize],
-                                                           const char* format, ...) {
+// Formats a trace name into `name` (kTraceNameSize bytes), zeroed first; leaves it empty
+// rather than cut when it does not fit. Returns `name`.
+__attribute__((format(printf, 2, 3))) const char* formatTraceName(char* name, const char* format,
+                                                                  ...) {
+    std::memset(name, 0, kTraceNameSize);
     va_list args;
     va_start(args, format);
     const int length = std::vsnprintf(name, kTraceNameSize, format, args);
     va_end(args);
     if (length < 0 || static_cast<size_t>(length) >= kTraceNameSize) name[0] = '\0';
+    return name;
 }
+
+// What stands for a descriptor not asked for.
+constexpr int kNoFd = -1;
 
 // Info lines with state dumps are costly to build; build them only when they are written.
 bool infoLinesOn() {
@@ -262,6 +268,74 @@ int EpollMonitor::readyToRun(IThreadLoop::ReadyToRun const& ready) {
     return 0;
 }
 
+// tryEpoll and handleEvents run once per wait on the monitor thread and are called from
+// threadLoop alone: folded into it, the wait loop makes no calls of its own but the wait
+// and the observers'.
+__attribute__((always_inline)) inline void EpollMonitor::handleEvents(struct epoll_event* events,
+                                                                      unsigned long count) {
+    Trace::Section section(Trace::kHandleEvents, "handleEvents");
+    // mLogv is fixed since construction: the per-event tests of it are decided once per
+    // batch.
+    if (__builtin_expect(mLogv != 0, 0)) {
+        dispatch<true>(events, count);
+    } else {
+        dispatch<false>(events, count);
+    }
+}
+
+template <bool kLogv>
+__attribute__((always_inline)) inline void EpollMonitor::dispatch(struct epoll_event* events,
+                                                                  unsigned long count) {
+    IEpollMonitor* const monitor = this;
+    // No lock and no map lookup: the registration's own data names the observer, so
+    // observers may attach and detach from inside onEvent.
+    for (unsigned long i = 0; i < count; ++i) {
+        IEventObserver* observer = static_cast<IEventObserver*>(events[i].data.ptr);
+        const uint32_t mask = events[i].events;
+        if (__builtin_expect(observer == nullptr, 0)) {
+            TAVREL_FATAL_IN("handleEvents", "[%s] Bad observer", "handleEvents");
+        }
+        // Asked once, before onEvent (an observer may detach and free itself in there), and
+        // only when a log line or the trace name needs it.
+        int fd = kNoFd;
+        if constexpr (kLogv) {
+            fd = observer->getEventFD();
+            if (infoLinesOn()) {
+                TAVREL_LOGI("[%s] + fd=%d events=%#x observer=%p %s %s", "handleEvents", fd, mask,
+                            static_cast<void*>(observer), toString_config().c_str(),
+                            toString_runtime().c_str());
+            }
+        }
+        {
+            // On the stack and filled only when the section opens: dispatch allocates
+            // nothing and an untraced one formats nothing.
+            char traceName[kTraceNameSize];
+            Trace::Section notify(
+                Trace::kDispatch,
+                [](char* name, IEventObserver* observer, int fd) {
+                    return formatTraceName(name, "NOTIFY_READY fd:%d",
+                                           kLogv ? fd : observer->getEventFD());
+                },
+                traceName, observer, fd);
+            observer->onEvent(IEventObserver::OnEvent{monitor, mask});
+        }
+        if constexpr (kLogv) TAVREL_LOGI("[%s] - fd=%d events=%#x", "handleEvents", fd, mask);
+    }
+}
+
+__attribute__((always_inline)) inline int EpollMonitor::tryEpoll(int timeoutMs) {
+    Trace::Section section(Trace::kDispatch, "tryEpoll");
+    const int ready = System::EPollWait(mEpollFd, mEpollEvents, kMaxEpollEvents, timeoutMs);
+    if (__builtin_expect(ready > 0, 1)) {
+        handleEvents(mEpollEvents, static_cast<unsigned long>(ready));
+        return kEventsDispatched;
+    }
+    if (ready == 0) return kWaitTimedOut;
+    // A signal that cuts the wait short is routine; the loop just waits again.
+    if (ready == -EINTR) return kWaitInterrupted;
+    TAVREL_FATAL_IN("tryEpoll", "[%s] err=%d(%s)", "tryEpoll", ready, strerror(-ready));
+}
+
 bool EpollMonitor::threadLoop() {
     Trace::Section section(Trace::kMonitorLife, "threadLoop");
     if (infoLinesOn()) {
@@ -269,7 +343,7 @@ bool EpollMonitor::threadLoop() {
                     toString_runtime().c_str());
     }
     while (mActive.load(std::memory_order_relaxed)) {
-        if (tryEpoll(mWaitTimeoutMs) != kWaitTimedOut) continue;
+        if (__builtin_expect(tryEpoll(mWaitTimeoutMs) != kWaitTimedOut, 1)) continue;
         if (Log::detailsAdmit<Log::Level::kVerbose>()) {
             TAVREL_LOGV("[%s] %s: epoll timed out (>= %d ms) %s %s", mName.c_str(), "threadLoop",
                         mWaitTimeoutMs, toString_config().c_str(), toString_runtime().c_str());
@@ -282,57 +356,18 @@ bool EpollMonitor::threadLoop() {
     return false;
 }
 
-int EpollMonitor::tryEpoll(int timeoutMs) {
-    Trace::Section section(Trace::kDispatch, "tryEpoll");
-    const int ready = System::EPollWait(mEpollFd, mEpollEvents, kMaxEpollEvents, timeoutMs);
-    if (ready == 0) return kWaitTimedOut;
-    // A signal that cuts the wait short is routine; the loop just waits again.
-    if (ready == -EINTR) return kWaitInterrupted;
-    if (ready < 0)
-        TAVREL_FATAL_IN("tryEpoll", "[%s] err=%d(%s)", "tryEpoll", ready, strerror(-ready));
-    handleEvents(mEpollEvents, static_cast<unsigned long>(ready));
-    return kEventsDispatched;
-}
-
-void EpollMonitor::handleEvents(struct epoll_event* events, unsigned long count) {
-    Trace::Section section(Trace::kHandleEvents, "handleEvents");
-    // No lock and no map lookup: the registration's own data names the observer, so
-    // observers may attach and detach from inside onEvent.
-    for (unsigned long i = 0; i < count; ++i) {
-        IEventObserver* observer = static_cast<IEventObserver*>(events[i].data.ptr);
-        const uint32_t mask = events[i].events;
-        if (observer == nullptr) {
-            TAVREL_FATAL_IN("handleEvents", "[%s] Bad observer", "handleEvents");
-        }
-        const bool traced = Trace::enabled(Trace::kDispatch);
-        // Asked once, before onEvent: an observer may detach and free itself in there.
-        const int fd = mLogv != 0 || traced ? observer->getEventFD() : -1;
-        if (mLogv != 0 && infoLinesOn()) {
-            TAVREL_LOGI("[%s] + fd=%d events=%#x observer=%p %s %s", "handleEvents", fd, mask,
-                        static_cast<void*>(observer), toString_config().c_str(),
-                        toString_runtime().c_str());
-        }
-        {
-            // On the stack and only when traced: dispatch allocates nothing.
-            char traceName[kTraceNameSize] = {};
-            if (traced) formatTraceName(traceName, "NOTIFY_READY fd:%d", fd);
-            Trace::Section dispatch(Trace::kDispatch, traceName);
-            observer->onEvent(IEventObserver::OnEvent{static_cast<IEpollMonitor*>(this), mask});
-        }
-        if (mLogv != 0) TAVREL_LOGI("[%s] - fd=%d events=%#x", "handleEvents", fd, mask);
-    }
-}
-
 void EpollMonitor::onEvent(IEventObserver::OnEvent const& event) {
     isInterruptEvent(event.events);
 }
 
 void EpollMonitor::requestExit() {
-    char traceName[kTraceNameSize] = {};
-    if (Trace::enabled(Trace::kMonitorLife)) {
-        formatTraceName(traceName, "%s::requestExit", mName.c_str());
-    }
-    Trace::Section section(Trace::kMonitorLife, traceName);
+    char traceName[kTraceNameSize];
+    Trace::Section section(
+        Trace::kMonitorLife,
+        [](char* name, const char* monitorName) {
+            return formatTraceName(name, "%s::requestExit", monitorName);
+        },
+        traceName, mName.c_str());
     if (infoLinesOn()) {
         TAVREL_LOGI("[%s] + %s %s", "requestExit", toString_config().c_str(),
                     toString_runtime().c_str());

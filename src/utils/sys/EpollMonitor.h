@@ -92,6 +92,9 @@ private:
 
     int tryEpoll(int timeoutMs);
     void handleEvents(struct epoll_event* events, unsigned long count);
+    // handleEvents' loop, with the per-event logs (mLogv) on or off.
+    template <bool kLogv>
+    void dispatch(struct epoll_event* events, unsigned long count);
     void sendInterruptEvent();
     bool isInterruptEvent(unsigned int events) const;
 
