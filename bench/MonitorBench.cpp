@@ -1,5 +1,6 @@
 // Costs of the event monitor: dispatch per ready event, a cross-thread wake-up round trip,
-// and attach plus detach while the registry keeps every descriptor it has seen.
+// attach plus detach while the registry keeps every descriptor it has seen, and a state
+// dump of a monitor with many observers.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <sys/epoll.h>
@@ -8,7 +9,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -220,5 +224,45 @@ void BM_RegistryBytesPerDescriptor(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_RegistryBytesPerDescriptor)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// Formats every line, as a real printer would, and keeps only its length.
+class CountingPrinter : public NSCam::IPrinter {
+public:
+    void printLine(const char* line) override { mBytes += std::strlen(line); }
+    void printFormatLine(const char* format, ...) override {
+        va_list args;
+        va_start(args, format);
+        const int length = std::vsnprintf(nullptr, 0, format, args);
+        va_end(args);
+        if (length > 0) mBytes += static_cast<size_t>(length);
+    }
+    size_t bytes() const { return mBytes; }
+
+private:
+    size_t mBytes = 0;  // characters printed so far
+};
+
+// Observers attached while the state is dumped.
+constexpr int kDumpedObservers = 1000;
+
+// A state dump of a monitor with kDumpedObservers attached descriptors: the copy of the
+// registry under its lock and the text built from it.
+void BM_DumpState1000(benchmark::State& state) {
+    raiseDescriptorLimit();
+    auto monitor = makeMonitor("bench");
+    std::vector<UniqueFd> fds;
+    std::vector<std::unique_ptr<FdObserver>> observers;
+    for (int i = 0; i < kDumpedObservers; ++i) {
+        fds.push_back(makeEventFd());
+        if (!fds.back().ok()) return state.SkipWithError("descriptor limit too low");
+        observers.push_back(std::make_unique<FdObserver>(fds.back().get()));
+        monitor->attach(observers.back().get(), EPOLLIN);
+    }
+    CountingPrinter printer;
+    for (auto _ : state) monitor->dumpState(&printer);
+    state.SetBytesProcessed(static_cast<int64_t>(printer.bytes()));
+    for (auto& observer : observers) monitor->detach(observer.get());
+}
+BENCHMARK(BM_DumpState1000);
 
 }  // namespace
