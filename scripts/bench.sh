@@ -3,7 +3,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-TAVREL_VM_TEST=OFF scripts/setup.sh
+scripts/setup.sh --build-only
 cmake --preset default -DTAVREL_VM_TEST=OFF >/dev/null
 cmake --build --preset default
 for bench in build/default/bench/*_bench; do

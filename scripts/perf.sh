@@ -11,6 +11,7 @@
 #
 #   scripts/perf.sh [--full] [--blocks N] [--rounds N] [--timer-runs N]
 set -euo pipefail
+source "$(dirname "$0")/lib/packages.sh"
 cd "$(dirname "$0")/.."
 
 blocks=20
@@ -31,19 +32,8 @@ done
 
 # What the measurements need beyond the build itself, from Debian's packages.
 readonly PERF_PACKAGES=(libevent-dev libev-dev libuv1-dev valgrind rt-tests gnuplot-nox python3)
-TAVREL_VM_TEST=OFF scripts/setup.sh
-missing=()
-for pkg in "${PERF_PACKAGES[@]}"; do
-  dpkg -s "$pkg" >/dev/null 2>&1 || missing+=("$pkg")
-done
-if ((${#missing[@]})); then
-  echo "perf: installing ${missing[*]}"
-  as_root=()
-  [[ $(id -u) -eq 0 ]] || as_root=(sudo)
-  "${as_root[@]}" apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get install -y -qq --no-install-recommends \
-    "${missing[@]}" >/dev/null
-fi
+scripts/setup.sh --build-only
+ensure_packages perf "${PERF_PACKAGES[@]}"
 
 build=build/default
 out="$build/perf"

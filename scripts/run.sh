@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-TAVREL_VM_TEST=OFF scripts/setup.sh
+scripts/setup.sh --build-only
 cmake --preset default -DTAVREL_VM_TEST=OFF >/dev/null
 cmake --build --preset default --target tavrel-timerlat
 exec build/default/tools/timerlat/tavrel-timerlat "$@"

@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
 # Installs what building and testing need, from Debian's packages, and only what is
 # missing: quiet and quick when everything is there. Run as root (or with sudo).
+#   scripts/setup.sh               everything the test command needs
+#   scripts/setup.sh --build-only  only what building and running the programs need
 set -euo pipefail
+here=$(dirname "$0")
+source "$here/lib/packages.sh"
 
 readonly PACKAGES=(
   cmake ninja-build g++ pkg-config
@@ -11,30 +15,9 @@ readonly PACKAGES=(
   libevent-dev libev-dev libuv1-dev valgrind
 )
 
-# Asks for the native instance first: once a foreign architecture (arm64, for the
-# cross build) is installed beside it, the bare name is ambiguous to dpkg.
-installed() {
-  local status
-  status=$(dpkg-query -W -f='${Status}' "$1:$(dpkg --print-architecture)" 2>/dev/null ||
-    dpkg-query -W -f='${Status}' "$1" 2>/dev/null) || return 1
-  [[ $status == "install ok installed" ]]
-}
+ensure_packages setup "${PACKAGES[@]}"
+[[ ${1:-} == --build-only ]] && exit 0
 
-missing=()
-for pkg in "${PACKAGES[@]}"; do
-  installed "$pkg" || missing+=("$pkg")
-done
-
-if ((${#missing[@]})); then
-  echo "setup: installing ${missing[*]}"
-  as_root=()
-  [[ $(id -u) -eq 0 ]] || as_root=(sudo)
-  "${as_root[@]}" apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get install -y -qq --no-install-recommends \
-    "${missing[@]}" >/dev/null
-fi
-
-# The driver test boots a kernel with the virtual video driver; it has its own setup.
-if [[ "${TAVREL_VM_TEST:-ON}" != OFF ]]; then
-  "$(dirname "$0")/vm/prepare.sh"
-fi
+# The 64-bit Arm cross build and its emulator, and the driver test's VM image.
+"$here/arm64/prepare.sh"
+"$here/vm/prepare.sh"

@@ -16,6 +16,7 @@ if ! [[ $SECONDS_PER_TEST =~ ^[1-9][0-9]*$ ]]; then
   exit 2
 fi
 
+scripts/setup.sh --build-only
 cmake --preset default >/dev/null
 cmake --build --preset default --target reliability_tests
 

@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 
 stage() { printf '\n=== %s\n' "$*"; }
 
-stage "setup: install missing Debian packages and the driver-test VM image"
+stage "setup: install missing Debian packages, the arm64 cross toolchain and the driver-test VM image"
 scripts/setup.sh
 
 stage "style: every C++ file is formatted as .clang-format says"
@@ -30,6 +30,14 @@ run_preset asan
 
 stage "tsan: no data race in any test"
 run_preset tsan
+
+stage "arm64: the library and the suite, cross-built for 64-bit Arm, pass under qemu user-mode emulation"
+run_preset arm64
+
+stage "valgrind: no invalid access, uninitialised read or leak in any test program's non-death tests"
+cmake --preset default >/dev/null
+cmake --build --preset default
+scripts/valgrind.sh build/default
 
 stage "default: release build passes every test, the installed package and the real-driver VM test"
 run_preset default

@@ -4,22 +4,18 @@
 # holding the arm64 7z.so that the arm64 libbacktrace needs but apt cannot install beside
 # the amd64 one (both own /usr/lib/p7zip/7z.so). Quiet and idempotent.
 set -euo pipefail
+source "$(dirname "$0")/../lib/packages.sh"
 
 # Kept outside the work tree so a fresh clone reuses it; the toolchain file reads the same path.
 OVERLAY="${TAVREL_ARM64_OVERLAY:-${XDG_CACHE_HOME:-$HOME/.cache}/tavrel-arm64/overlay}"
 
 log() { echo "arm64/prepare: $*" >&2; }
-as_root=()
-[[ $(id -u) -eq 0 ]] || as_root=(sudo)
 export DEBIAN_FRONTEND=noninteractive
 
-installed() { dpkg -s "$1" 2>/dev/null | grep -q '^Status: install ok installed'; }
-
 # Multiarch must know arm64 before apt can resolve any :arm64 package.
-updated=false
 if ! dpkg --print-foreign-architectures | grep -qx arm64; then
   log "enabling the arm64 architecture"
-  "${as_root[@]}" dpkg --add-architecture arm64
+  as_root dpkg --add-architecture arm64
 fi
 
 readonly PACKAGES=(
@@ -27,16 +23,7 @@ readonly PACKAGES=(
   android-liblog-dev:arm64 android-libutils-dev:arm64
   libgtest-dev:arm64 libgmock-dev:arm64
 )
-missing=()
-for pkg in "${PACKAGES[@]}"; do
-  installed "$pkg" || missing+=("$pkg")
-done
-if ((${#missing[@]})); then
-  log "installing ${missing[*]}"
-  "${as_root[@]}" apt-get update -qq
-  updated=true
-  "${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-fi
+ensure_packages arm64/prepare "${PACKAGES[@]}"
 
 # The overlay: qemu's -L prefix is tried first for every path the emulated program opens,
 # so the arm64 7z.so found there shadows the host's amd64 one, and the rest falls through to /.
@@ -44,7 +31,7 @@ if [[ ! -f "$OVERLAY/usr/lib/p7zip/7z.so" ]]; then
   log "unpacking the arm64 7z.so into $OVERLAY"
   tmp=$(mktemp -d)
   trap 'rm -rf "$tmp"' EXIT
-  $updated || "${as_root[@]}" apt-get update -qq
+  $PACKAGE_LISTS_FETCHED || as_root apt-get update -qq
   # Downloading as root into a private temporary folder: apt's sandbox user could not write there.
   (cd "$tmp" && apt-get download -qq -o APT::Sandbox::User=root p7zip-full:arm64 >/dev/null)
   mkdir -p "$OVERLAY/usr/lib/p7zip"

@@ -4,6 +4,7 @@
 # a cache folder. The kernel and busybox are only unpacked, never installed: the host's
 # own kernel and shell stay untouched. Quiet and idempotent; reuses the cache when present.
 set -euo pipefail
+source "$(dirname "$0")/../lib/packages.sh"
 
 CACHE="${TAVREL_VM_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/tavrel-vm}"
 
@@ -16,25 +17,7 @@ exec 9>"$CACHE/.lock"
 flock 9
 
 # Packages run on the host. apt-get update only when something is missing, since it is slow.
-missing=()
-for pkg in qemu-system-x86 kmod cpio; do
-  if ! dpkg -s "$pkg" 2>/dev/null | grep -q '^Status: install ok installed'; then
-    missing+=("$pkg")
-  fi
-done
-if ((${#missing[@]})); then
-  log "installing ${missing[*]}"
-  export DEBIAN_FRONTEND=noninteractive
-  apt_log=$(mktemp)
-  # Shows apt's chatter only when it fails.
-  if ! { apt-get update -qq && apt-get install -y -qq --no-install-recommends \
-    "${missing[@]}"; } >"$apt_log" 2>&1; then
-    cat "$apt_log" >&2
-    rm -f "$apt_log"
-    exit 1
-  fi
-  rm -f "$apt_log"
-fi
+ensure_packages vm/prepare qemu-system-x86 kmod cpio
 
 # The generic kernel: the cloud flavour is built without the media drivers. Its version
 # comes from the meta-package, since older versions leave the archive.
