@@ -46,6 +46,8 @@ public:
 
     // Any thread, also from the callback. Arms for the absolute time `value` on the
     // timer's clock, then every `interval` (zero: once). Both must be valid.
+    // A one-shot deadline that passes while an expiry of this timer is being dispatched is
+    // lost: the re-arm after the callback reads back nothing left and disarms the timer.
     void startTimerAbsoluteTime(const timespec* value, const timespec* interval);
 
     // Any thread, also from the callback. Disarms.
