@@ -31,7 +31,7 @@ std::string configLine(const std::string& prefix) {
                             "P2DrvEP-fatal: logv:0 { P2DrvEP-fatal .mEpollFd=@N .mEventFd=@N }");
 }
 
-TEST(MonitorFatalPath, SecondAttachOfADescriptorDumpsAndEnds) {
+TEST(MonitorFatalPathDeathTest, SecondAttachOfADescriptorDumpsAndEnds) {
     EXPECT_DEATH(
         {
             useAndroidLogRoute();
@@ -48,7 +48,7 @@ TEST(MonitorFatalPath, SecondAttachOfADescriptorDumpsAndEnds) {
                       ".*" + fatalLine("attach", "[attach] FATAL")));
 }
 
-TEST(MonitorFatalPath, UnknownDetachLeavesANullEntryInTheDump) {
+TEST(MonitorFatalPathDeathTest, UnknownDetachLeavesANullEntryInTheDump) {
     EXPECT_DEATH(
         {
             useAndroidLogRoute();
@@ -69,7 +69,7 @@ TEST(MonitorFatalPath, UnknownDetachLeavesANullEntryInTheDump) {
 
 // A detached descriptor keeps its null entry; the kernel refuses to modify it, and modify
 // prints the dump without a message line of its own.
-TEST(MonitorFatalPath, RefusedModifyDumpsWithoutMessageLine) {
+TEST(MonitorFatalPathDeathTest, RefusedModifyDumpsWithoutMessageLine) {
     EXPECT_DEATH(
         {
             useAndroidLogRoute();
@@ -87,7 +87,7 @@ TEST(MonitorFatalPath, RefusedModifyDumpsWithoutMessageLine) {
               Not(HasSubstr("modify(200"))));
 }
 
-TEST(MonitorFatalPath, ReadyEntryWithoutObserverEnds) {
+TEST(MonitorFatalPathDeathTest, ReadyEntryWithoutObserverEnds) {
     EXPECT_DEATH(
         {
             auto monitor = makeMonitor("fatal");
@@ -102,7 +102,7 @@ TEST(MonitorFatalPath, ReadyEntryWithoutObserverEnds) {
         ContainsRegex(fatalLine("handleEvents", "[handleEvents] Bad observer")));
 }
 
-TEST(MonitorFatalPath, WaitOnAClosedEpollInstanceEnds) {
+TEST(MonitorFatalPathDeathTest, WaitOnAClosedEpollInstanceEnds) {
     EXPECT_DEATH(
         {
             auto monitor = makeMonitor("fatal");

@@ -97,7 +97,7 @@ public:
     }
 };
 
-TEST(CrashReporterTest, TerminateServiceFlushesLoggerThenStdioAndExitsWith70) {
+TEST(CrashReporterDeathTest, TerminateServiceFlushesLoggerThenStdioAndExitsWith70) {
     EXPECT_EXIT(
         {
             static char buffer[BUFSIZ];
