@@ -153,11 +153,17 @@ LimitReport exhaustWhileRunning() {
     char byte = 0;
     System::Read(-1, &byte, sizeof(byte));
 
-    const DescriptorTable open = openDescriptors();
     rlimit saved{};
     getrlimit(RLIMIT_NOFILE, &saved);
+    // The highest descriptor the program may hold. Valgrind keeps its own descriptors above
+    // the soft limit it reports and refuses a limit that would take them in, so only those
+    // below count; in a plain run that is every descriptor.
+    int highest = -1;
+    for (const auto& entry : openDescriptors()) {
+        if (static_cast<rlim_t>(entry.first) < saved.rlim_cur) highest = entry.first;
+    }
     rlimit lowered = saved;
-    lowered.rlim_cur = static_cast<rlim_t>(open.rbegin()->first) + 1 + kHeadroom;
+    lowered.rlim_cur = static_cast<rlim_t>(highest) + 1 + kHeadroom;
     if (setrlimit(RLIMIT_NOFILE, &lowered) != 0) {
         report.setup = 1;
         return report;

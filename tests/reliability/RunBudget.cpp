@@ -57,7 +57,8 @@ BuildKind buildKind() {
     return {"release", 1};
 }
 
-RunBudget::RunBudget(std::chrono::milliseconds releaseDuration, uint64_t releaseCount)
+RunBudget::RunBudget(std::chrono::milliseconds releaseDuration, uint64_t releaseCount,
+                     std::chrono::milliseconds shortestUnderValgrind)
     : mStart(std::chrono::steady_clock::now()) {
     const long soak = soakSeconds();
     mSoak = soak > 0;
@@ -70,8 +71,12 @@ RunBudget::RunBudget(std::chrono::milliseconds releaseDuration, uint64_t release
         mCount = releaseCount * factor;
         return;
     }
-    const int slowdown = buildKind().slowdown;
-    mDuration = std::max(std::chrono::milliseconds(1), releaseDuration / slowdown);
+    const BuildKind kind = buildKind();
+    const int slowdown = kind.slowdown;
+    std::chrono::milliseconds divided = releaseDuration / slowdown;
+    if (std::strcmp(kind.name, "valgrind") == 0)
+        divided = std::min(releaseDuration, std::max(shortestUnderValgrind, divided));
+    mDuration = std::max(std::chrono::milliseconds(1), divided);
     mCount = std::max<uint64_t>(1, releaseCount / static_cast<uint64_t>(slowdown));
 }
 

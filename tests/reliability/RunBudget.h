@@ -18,8 +18,13 @@ BuildKind buildKind();
 
 class RunBudget {
 public:
-    // `releaseDuration` and `releaseCount` make the default run of a release build.
-    RunBudget(std::chrono::milliseconds releaseDuration, uint64_t releaseCount);
+    // `releaseDuration` and `releaseCount` make the default run of a release build. A
+    // slower build divides both; under valgrind the duration stays at least
+    // `shortestUnderValgrind` (and at most the release one), for a check that needs some
+    // wall time to mean anything at valgrind's pace (every Timer firing in the last part
+    // of the run). The sanitizer builds run at most a few times slower and need no floor.
+    RunBudget(std::chrono::milliseconds releaseDuration, uint64_t releaseCount,
+              std::chrono::milliseconds shortestUnderValgrind = std::chrono::milliseconds(1));
 
     std::chrono::milliseconds duration() const { return mDuration; }
     uint64_t count() const { return mCount; }

@@ -9,6 +9,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <iterator>
 #include <memory>
@@ -41,6 +42,10 @@ constexpr int kClients = 8;
 constexpr std::chrono::milliseconds kReleaseDuration{2000};
 // Rounds of all clients together; time is the usual limit.
 constexpr uint64_t kReleaseRounds = 40000;
+// Rounds each client makes whatever the time, one of each kind: a build that runs many
+// times slower (valgrind) may use up the time budget before the clients start, and then
+// nothing would have been checked. Bounded by the count budget all the same.
+constexpr uint64_t kLeastRoundsPerClient = 4;
 // Units written per signal: 1 to this many.
 constexpr uint64_t kMostUnitsPerSignal = 3;
 // Settled observers each client keeps alive (see SettledWindow).
@@ -76,7 +81,8 @@ public:
         using Round = void (Client::*)();
         constexpr Round kRounds[] = {&Client::eventFdRound, &Client::pipeRound, &Client::timerRound,
                                      &Client::relayRound};
-        for (uint64_t i = 0; i < mRounds && !mBudget.expired(); ++i) {
+        const uint64_t least = std::min(mRounds, kLeastRoundsPerClient);
+        for (uint64_t i = 0; i < mRounds && (i < least || !mBudget.expired()); ++i) {
             (this->*kRounds[i % std::size(kRounds)])();
             mTotals.rounds.fetch_add(1);
         }
