@@ -1,5 +1,6 @@
 # Script of the install test (cmake -P). Inputs: BUILD_DIR, WORK_DIR, CONSUMER_DIR,
-# GENERATOR, CXX, CXX_FLAGS, LINK_FLAGS, USE_LIBCXX, PKG_CONFIG.
+# GENERATOR, CXX, CXX_FLAGS, LINK_FLAGS, USE_LIBCXX, PKG_CONFIG, and for a cross build
+# TOOLCHAIN_FILE and EMULATOR (its command, words apart by spaces; empty when native).
 cmake_minimum_required(VERSION 3.25)
 
 set(kExpectedOutput "consumer: eventfd created and closed, thread id matches\n")
@@ -14,8 +15,11 @@ function(run)
   set(RUN_OUTPUT "${out}" PARENT_SCOPE)
 endfunction()
 
+# A cross-built consumer runs through the emulator: the host cannot execute it directly.
+separate_arguments(emulator UNIX_COMMAND "${EMULATOR}")
+
 function(expect_consumer_output program)
-  run(${program})
+  run(${emulator} ${program})
   if(NOT RUN_OUTPUT STREQUAL kExpectedOutput)
     message(FATAL_ERROR "${program} printed:\n${RUN_OUTPUT}\nexpected:\n${kExpectedOutput}")
   endif()
@@ -34,9 +38,13 @@ if(USE_LIBCXX)
   string(APPEND linkFlags " -stdlib=libc++")
 endif()
 
-# Through the CMake package.
+# Through the CMake package, for the same target as the build tree.
+set(toolchain "")
+if(TOOLCHAIN_FILE)
+  set(toolchain -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN_FILE})
+endif()
 run(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/cmake-consumer -G ${GENERATOR}
-  -DCMAKE_CXX_COMPILER=${CXX} "-DCMAKE_CXX_FLAGS=${flags}"
+  ${toolchain} -DCMAKE_CXX_COMPILER=${CXX} "-DCMAKE_CXX_FLAGS=${flags}"
   "-DCMAKE_EXE_LINKER_FLAGS=${linkFlags}" -DCMAKE_PREFIX_PATH=${prefix})
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-consumer)
 expect_consumer_output(${WORK_DIR}/cmake-consumer/tavrel_consumer)

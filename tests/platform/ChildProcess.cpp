@@ -12,6 +12,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "common/ChildCommand.h"
 #include "tavrel/platform/UniqueFd.h"
 
 extern char** environ;
@@ -20,7 +21,6 @@ namespace tavrel::test {
 namespace {
 
 constexpr const char* kModeEnv = "TAVREL_PLATFORM_TEST_CHILD";
-constexpr const char* kSelf = "/proc/self/exe";
 constexpr mode_t kFileMode = 0600;
 constexpr int kExecFailedStatus = 127;
 
@@ -73,21 +73,25 @@ ChildResult runChild(const std::string& mode, const std::vector<std::string>& en
     }
     for (std::string& entry : entries) envp.push_back(entry.data());
     envp.push_back(nullptr);
-    char self[] = "platform_tests_child";
-    char* argv[] = {self, nullptr};
+    // This program by its path, through the emulator in a cross build (see ChildCommand.h).
+    std::vector<std::string> command = commandFor(selfExecutable());
+    ChildResult result;
+    if (command.back().empty()) return result;
+    std::vector<char*> argv;
+    for (std::string& word : command) argv.push_back(word.data());
+    argv.push_back(nullptr);
     const std::string outPath = dir.path() + "/child.out";
     const std::string errPath = dir.path() + "/child.err";
     host::UniqueFd out(
         ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
     host::UniqueFd err(
         ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
-    ChildResult result;
     if (!out.ok() || !err.ok()) return result;
     result.pid = fork();
     if (result.pid == 0) {
         dup2(out.get(), STDOUT_FILENO);
         dup2(err.get(), STDERR_FILENO);
-        execve(kSelf, argv, envp.data());
+        execve(argv[0], argv.data(), envp.data());
         _exit(kExecFailedStatus);
     }
     if (result.pid < 0) return result;

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "common/ChildCommand.h"
+
 namespace {
 
 struct ToolRun {
@@ -15,7 +17,11 @@ struct ToolRun {
 };
 
 ToolRun run(const std::string& arguments) {
-    const std::string command = std::string(TAVREL_TIMERLAT_PATH) + " " + arguments + " 2>&1";
+    // Through the emulator in a cross build (see ChildCommand.h); no word holds a space.
+    std::string command;
+    for (const std::string& word : tavrel::test::commandFor(TAVREL_TIMERLAT_PATH))
+        command += word + " ";
+    command += arguments + " 2>&1";
     ToolRun result;
     FILE* pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) return result;
