@@ -9,7 +9,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <fstream>
+#include <string>
 #include <thread>
 
 #include "common/LogCapture.h"
@@ -35,16 +37,28 @@ LogSwitches infoLines() {
     return switches;
 }
 
-// Whether thread `tid` sits in an epoll wait (x86-64 and arm64 numbers).
+// Whether thread `tid` sits in an epoll wait: the kernel function it sleeps in. Its system
+// call number would also tell, but under qemu user-mode that is the host's number, not
+// this architecture's.
 bool inEpollWait(int tid) {
-    std::ifstream syscall("/proc/self/task/" + std::to_string(tid) + "/syscall");
-    long number = -1;
-    syscall >> number;
-#if defined(__x86_64__)
-    return number == 232 || number == 281;
-#else
-    return number == 22;
-#endif
+    std::ifstream wchan("/proc/self/task/" + std::to_string(tid) + "/wchan");
+    std::string function;
+    wchan >> function;
+    return function == "do_epoll_wait";
+}
+
+// Test thread: waits until the monitor thread `tid` waits again, or fails after a while
+// (an emulator or a loaded machine is slow, but not this slow).
+::testing::AssertionResult awaitEpollWait(int tid) {
+    constexpr auto kPatience = std::chrono::seconds(20);
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (!inEpollWait(tid)) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return ::testing::AssertionFailure()
+                   << "thread " << tid << " not seen in an epoll wait within 20 s";
+        std::this_thread::yield();
+    }
+    return ::testing::AssertionSuccess();
 }
 
 int openDescriptorCount() {
@@ -90,7 +104,7 @@ TEST(MonitorLoop, RequestExitWakesAWaitingLoop) {
         observer.signal();
         ASSERT_TRUE(observer.waitForEvents(1));
         // Asked to exit only once it waits again, so that the interrupt wakes it.
-        while (!inEpollWait(monitorTid)) std::this_thread::yield();
+        ASSERT_TRUE(awaitEpollWait(monitorTid));
     }
     EXPECT_FALSE(monitor->isActive());
     EXPECT_TRUE(contains(capture.unifiedTexts(), "[P2DrvEP-x] isInterruptEvent: 0x40"));
@@ -118,7 +132,7 @@ TEST(MonitorLoop, SignalDuringTheWaitDoesNotEndTheLoop) {
         ThreadDriver driver(monitor);
         observer.signal();
         ASSERT_TRUE(observer.waitForEvents(1));
-        while (!inEpollWait(monitorTid)) std::this_thread::yield();
+        ASSERT_TRUE(awaitEpollWait(monitorTid));
         pthread_kill(driver.nativeHandle(), SIGUSR1);
         while (sSignalsSeen.load() == 0) std::this_thread::yield();
 
@@ -147,7 +161,7 @@ TEST(MonitorLoop, LogvFramesEveryDispatch) {
         ThreadDriver driver(monitor);
         observer.signal();
         ASSERT_TRUE(observer.waitForEvents(1));
-        while (!inEpollWait(monitorTid)) std::this_thread::yield();
+        ASSERT_TRUE(awaitEpollWait(monitorTid));
     }
     const std::vector<std::string> texts = capture.unifiedTexts();
     EXPECT_TRUE(contains(texts, "[attach] (" + fd + ", " + pointerText(&observer) + ")"));
