@@ -7,14 +7,15 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <memory>
+#include <numeric>
 #include <optional>
 #include <thread>
 #include <vector>
 
-#include "Figures.h"
-#include "RearmCounter.h"
-#include "RunBudget.h"
+#include "ReliabilitySupport.h"
+#include "common/LogCapture.h"
 #include "tavrel/Timer.h"
 #include "tavrel/platform/Properties.h"
 #include "timer/RunningMonitor.h"
@@ -42,6 +43,39 @@ constexpr std::chrono::milliseconds kProgressPause{10};
 constexpr int kSettingLooks = 5;
 constexpr std::chrono::milliseconds kSettingPause{2};
 constexpr const char* kLogvProperty = "persist.vendor.camera.tavrel.timer.logv";
+
+// Counts the Timers' re-arm lines on the unified route instead of keeping them: how many
+// expiries were re-armed and how many of those found a periodic timer with no time left
+// and set it to fire at once.
+class RearmCounter : public LogCapture {
+public:
+    RearmCounter() : LogCapture(unifiedOnly()) {}
+
+    void writeLine(uint32_t, const char* tag, int, const char* text, int) override {
+        constexpr const char kRearmHead[] = "[enableEdgeTrigger] ";
+        if (std::strcmp(tag, "tavrel-Timer") != 0 ||
+            std::strncmp(text, kRearmHead, sizeof(kRearmHead) - 1) != 0)
+            return;
+        mRearms.fetch_add(1, std::memory_order_relaxed);
+        // Fire-at-once keeps the period; a setting read back with time left ends otherwise.
+        if (std::strstr(text, ".it_value=0.1 }") != nullptr &&
+            std::strstr(text, ".it_interval=0.0 ") == nullptr)
+            mFiredAtOnce.fetch_add(1, std::memory_order_relaxed);
+    }
+
+    uint64_t rearms() const { return mRearms.load(); }
+    uint64_t firedAtOnce() const { return mFiredAtOnce.load(); }
+
+private:
+    static LogSwitches unifiedOnly() {
+        LogSwitches switches;
+        switches.mode = 0x2;
+        return switches;
+    }
+
+    std::atomic<uint64_t> mRearms{0};       // re-arm lines seen
+    std::atomic<uint64_t> mFiredAtOnce{0};  // of those, periodic timers set to fire at once
+};
 
 // Turns the Timers' verbose lines on for the Timers made while it lives.
 class TimerLogv {
@@ -83,7 +117,7 @@ TEST(ReliabilityTimerLoad, HundredPeriodicTimersKeepFiringOnABusyMachine) {
     RearmCounter rearms;
     std::vector<std::atomic<uint64_t>> fired(kTimers);
     std::vector<std::shared_ptr<Timer>> timers;
-    std::vector<uint64_t> atLastPart(kTimers), atEnd(kTimers);
+    std::vector<uint64_t> atLastPart, atEnd;
     int stoppedAtEnd = 0;
     uint64_t spins = 0;
     {
@@ -107,20 +141,22 @@ TEST(ReliabilityTimerLoad, HundredPeriodicTimersKeepFiringOnABusyMachine) {
         // The run is timed from here: making and attaching a hundred Timers can take a
         // slow build (valgrind) longer than its whole share of the release duration.
         budget.emplace(kReleaseDuration, kReleaseExpiries, kShortestUnderValgrind);
+        const auto snapshot = [&] {
+            std::vector<uint64_t> counts;
+            for (const auto& count : fired) counts.push_back(count.load());
+            return counts;
+        };
         const auto total = [&] {
-            uint64_t sum = 0;
-            for (const auto& count : fired) sum += count.load();
-            return sum;
+            const std::vector<uint64_t> counts = snapshot();
+            return std::accumulate(counts.begin(), counts.end(), uint64_t{0});
         };
         const auto lastPart = budget->deadline() - budget->duration() / kLastPartDivisor;
         while (std::chrono::steady_clock::now() < lastPart && total() < budget->count())
             std::this_thread::sleep_for(kProgressPause);
-        for (int i = 0; i < kTimers; ++i)
-            atLastPart[static_cast<size_t>(i)] = fired[static_cast<size_t>(i)].load();
+        atLastPart = snapshot();
         while (!budget->expired() && total() < budget->count())
             std::this_thread::sleep_for(kProgressPause);
-        for (int i = 0; i < kTimers; ++i)
-            atEnd[static_cast<size_t>(i)] = fired[static_cast<size_t>(i)].load();
+        atEnd = snapshot();
         spins = spinner.spins();
     }
     monitor.stop();
@@ -128,22 +164,22 @@ TEST(ReliabilityTimerLoad, HundredPeriodicTimersKeepFiringOnABusyMachine) {
     for (auto& timer : timers) monitor->detach(timer.get());
 
     uint64_t expiries = 0, quietInLastPart = 0, fewestInLastPart = UINT64_MAX;
-    for (int i = 0; i < kTimers; ++i) {
-        const uint64_t late = atEnd[static_cast<size_t>(i)] - atLastPart[static_cast<size_t>(i)];
-        expiries += fired[static_cast<size_t>(i)].load();
+    for (size_t i = 0; i < fired.size(); ++i) {
+        const uint64_t late = atEnd[i] - atLastPart[i];
+        expiries += fired[i].load();
         quietInLastPart += late == 0 ? 1 : 0;
         fewestInLastPart = std::min(fewestInLastPart, late);
     }
     reportFigures("timer_load",
                   {{"timers", kTimers},
-                   {"expiries", static_cast<int64_t>(expiries)},
-                   {"rearms", static_cast<int64_t>(rearms.rearms())},
-                   {"rearms_fired_at_once", static_cast<int64_t>(rearms.firedAtOnce())},
-                   {"fewest_in_last_part", static_cast<int64_t>(fewestInLastPart)},
-                   {"quiet_in_last_part", static_cast<int64_t>(quietInLastPart)},
+                   {"expiries", expiries},
+                   {"rearms", rearms.rearms()},
+                   {"rearms_fired_at_once", rearms.firedAtOnce()},
+                   {"fewest_in_last_part", fewestInLastPart},
+                   {"quiet_in_last_part", quietInLastPart},
                    {"stopped_at_end", stoppedAtEnd},
-                   {"spins", static_cast<int64_t>(spins)}},
-                  *budget);
+                   {"spins", spins}},
+                  budget->describe());
     EXPECT_EQ(quietInLastPart, 0u);
     EXPECT_EQ(stoppedAtEnd, 0);
     EXPECT_EQ(rearms.rearms(), expiries);
