@@ -1,19 +1,26 @@
-// The file and directory wrappers, their error lines, descriptor tags and the listing of
-// descriptors when the process runs out of them.
+// The file, directory, eventfd, epoll and timerfd wrappers: results, whole error lines,
+// descriptor tags, the silent interrupted wait and the listing of descriptors when the
+// process runs out of them.
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cinttypes>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <regex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/LogCapture.h"
@@ -31,7 +38,19 @@ using tavrel::test::LogSwitches;
 using Lines = std::vector<std::string>;
 
 constexpr unsigned long kOwner = 0x5157;
+constexpr unsigned long kOtherOwner = 0x5158;
 constexpr int kFdsanType = 1;
+// Long enough that only the signal can end the wait.
+constexpr int kLongWaitMs = 60'000;
+constexpr auto kSignalRetry = std::chrono::milliseconds(5);
+
+LogSwitches unifiedOnly() {
+    return LogSwitches{2, 5, 0, false};
+}
+
+std::string n(int value) {
+    return std::to_string(value);
+}
 
 // A folder of its own, removed with its content at the end.
 class TempDir {
@@ -97,50 +116,142 @@ TEST(FileCall, ReadOfAClosedDescriptor) {
         << statement;
 }
 
-TEST(FileCall, FailureLinesOfTheFileWrappers) {
-    UniqueFd closed(::eventfd(0, EFD_CLOEXEC));
-    const int fd = closed.get();
-    closed.reset();
-    const char data[4] = {};
-    char link[16];
-    // Tagged as if its owner still held it, so that Close reaches close() itself.
-    const uint64_t tag = zelcam_fdsan_create_tag(kOwner, kFdsanType);
-    ASSERT_EQ(zelcam_fdsan_exchange_tag(fd, 0, tag, kFdsanType), 0);
-    LogCapture logs(LogSwitches{2, 5, 0, false});
-    EXPECT_EQ(System::Write(fd, data, sizeof(data)), -EBADF);
-    EXPECT_EQ(System::Close(fd, kOwner), -EBADF);
-    EXPECT_EQ(System::ReadLink("/proc/self/status", link, sizeof(link)), -EINVAL);
-    EXPECT_EQ(System::OpenDir("/nonexistent-tavrel"), nullptr);
-    const std::string n = std::to_string(fd);
-    EXPECT_EQ(
-        logs.unifiedTexts(),
-        (Lines{format("[Write] write(%d, %p, 4) return -1: err=-9(Bad file descriptor)", data, fd),
-               "[Close] close(" + n + ") return -1: err=-9(Bad file descriptor)",
-               "[ReadLink] readlink(/proc/self/status) return -1: err=-22(Invalid argument)",
-               "[OpenDir] opendir(/nonexistent-tavrel) return NULL: err=-2(No such file or "
-               "directory)"}));
+std::string badFd(const std::string& call) {
+    return call + " return -1: err=-9(Bad file descriptor)";
 }
 
-TEST(FileCall, OpenAcceptsDevicesOnly) {
+// The shared contract, wrapper by wrapper: a failure returns -errno and writes one whole
+// error line (Open two, its own after Stat's); a success writes nothing.
+TEST(WrapperCall, FailuresReturnMinusErrnoAndWriteTheirWholeLine) {
+    int row = 0;
+    const auto expect = [&row](const std::function<long()>& call, long result, const Lines& lines) {
+        SCOPED_TRACE("row " + n(++row));
+        LogCapture logs(unifiedOnly());
+        EXPECT_EQ(call(), result);
+        EXPECT_EQ(logs.unifiedTexts(), lines);
+    };
     TempDir dir;
     const std::string regular = dir.path() + "/regular";
     std::ofstream(regular) << "data";
     const std::string missing = dir.path() + "/missing";
-    LogCapture logs(LogSwitches{2, 5, 0, false});
-    EXPECT_EQ(System::Open(regular.c_str(), O_RDONLY, kOwner), -ENODEV);
-    EXPECT_EQ(logs.unifiedTexts(), Lines{"[Open] Invalid device node: " + regular});
-    logs.clear();
-    EXPECT_EQ(System::Open(missing.c_str(), O_RDONLY, kOwner), -ENOENT);
-    EXPECT_EQ(logs.unifiedTexts(),
-              (Lines{"[Stat] stat(" + missing + "): No such file or directory",
-                     "[Open] Invalid device " + missing + ": No such file or directory"}));
-    logs.clear();
-    const int fd = System::Open("/dev/null", O_RDONLY | O_CLOEXEC, kOwner);
+    UniqueFd epoll(::epoll_create1(EPOLL_CLOEXEC));
+    UniqueFd event(::eventfd(1, EFD_CLOEXEC));
+    UniqueFd timer(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC));
+    UniqueFd closing(::eventfd(0, EFD_CLOEXEC));
+    const int closed = closing.get();
+    closing.reset();
+    // Tagged as if its owner still held it, so that Close reaches close() itself.
+    const uint64_t tag = zelcam_fdsan_create_tag(kOwner, kFdsanType);
+    ASSERT_EQ(zelcam_fdsan_exchange_tag(closed, 0, tag, kFdsanType), 0);
+    const int e = epoll.get();
+    const int v = event.get();
+    const char data[4] = {};
+    char link[16];
+    epoll_event interest{EPOLLIN, {}};
+    epoll_event ready[2];
+    const itimerspec setting{{0, 0}, {100, 0}};
+    itimerspec current{};
+    const std::string invalid = " return -1: err=-22(Invalid argument)";
+    const std::string noEntry = " return -1: err=-2(No such file or directory)";
+    const std::string ctl = "epoll_ctl(" + n(e) + ", EPOLL_CTL_";
+    const std::string waitArgs = ", maxevents=2, timeout=0)";
+
+    expect([&] { return System::Write(closed, data, sizeof(data)); }, -EBADF,
+           {format(badFd("[Write] write(%d, %p, 4)").c_str(), data, closed)});
+    expect([&] { return System::Close(closed, kOwner); }, -EBADF,
+           {badFd("[Close] close(" + n(closed) + ")")});
+    expect([&] { return System::ReadLink("/proc/self/status", link, sizeof(link)); }, -EINVAL,
+           {"[ReadLink] readlink(/proc/self/status)" + invalid});
+    expect(
+        [] { return reinterpret_cast<long>(System::OpenDir("/nonexistent-tavrel")); }, 0,
+        {"[OpenDir] opendir(/nonexistent-tavrel) return NULL: err=-2(No such file or directory)"});
+    expect([&] { return System::Open(regular.c_str(), O_RDONLY, kOwner); }, -ENODEV,
+           {"[Open] Invalid device node: " + regular});
+    expect([&] { return System::Open(missing.c_str(), O_RDONLY, kOwner); }, -ENOENT,
+           {"[Stat] stat(" + missing + "): No such file or directory",
+            "[Open] Invalid device " + missing + ": No such file or directory"});
+    expect([] { return System::EventFD(1, -1, kOwner); }, -EINVAL,
+           {"[EventFD] eventfd(1, 0xffffffff)" + invalid});
+    expect([] { return System::EPollCreate(0, kOwner); }, -EINVAL,
+           {"[EPollCreate] epoll_create()" + invalid});
+    expect([] { return System::TimerFDCreate(-1, 0, kOwner); }, -EINVAL,
+           {"[TimerFDCreate] timerfd_create()" + invalid});
+    expect([&] { return System::EPollWait(e, ready, 2, 0); }, 0, {});
+    expect([&] { return System::EPollCtlAdd(e, v, &interest); }, 0, {});
+    expect([&] { return System::EPollCtlMod(e, v, &interest); }, 0, {});
+    expect([&] { return System::EPollWait(e, ready, 2, 0); }, 1, {});
+    expect([&] { return System::EPollCtlAdd(e, v, &interest); }, -EEXIST,
+           {"[EPollCtlAdd] " + ctl + "ADD, " + n(v) + ") return -1: err=-17(File exists)"});
+    expect([&] { return System::EPollCtlDel(e, v, nullptr); }, 0, {});
+    expect([&] { return System::EPollCtlDel(e, v, nullptr); }, -ENOENT,
+           {"[EPollCtlDel] " + ctl + "DEL, " + n(v) + ")" + noEntry});
+    expect([&] { return System::EPollCtlMod(e, v, &interest); }, -ENOENT,
+           {"[EPollCtlMod] " + ctl + "MOD, " + n(v) + ")" + noEntry});
+    expect([&] { return System::EPollWait(v, ready, 2, 0); }, -EINVAL,
+           {"[EPollWait] epoll_wait(" + n(v) + waitArgs + invalid});
+    expect([&] { return System::EPollWait(closed, ready, 2, 0); }, -EBADF,
+           {badFd("[EPollWait] epoll_wait(" + n(closed) + waitArgs)});
+    expect([&] { return System::TimerFDSetTime(timer.get(), 0, &setting, nullptr); }, 0, {});
+    expect([&] { return System::TimerFDGetTime(timer.get(), &current); }, 0, {});
+    // What TimerFDGetTime read back is the setting made through TimerFDSetTime.
+    EXPECT_GT(current.it_value.tv_sec, 0);
+    expect([&] { return System::TimerFDSetTime(closed, 0, &setting, nullptr); }, -EBADF,
+           {badFd("[TimerFDSetTime] timerfd_settime(" + n(closed) + ")")});
+    expect([&] { return System::TimerFDGetTime(closed, &current); }, -EBADF,
+           {badFd("[TimerFDGetTime] timerfd_gettime(" + n(closed) + ")")});
+}
+
+TEST(WrapperCall, CreatedDescriptorsCarryTheirOwnersTag) {
+    const uint64_t tag = zelcam_fdsan_create_tag(kOwner, kFdsanType);
+    LogCapture logs(unifiedOnly());
+    for (const int fd : {System::Open("/dev/null", O_RDONLY | O_CLOEXEC, kOwner),
+                         System::EventFD(0, EFD_CLOEXEC, kOwner), System::EPollCreate(1, kOwner),
+                         System::TimerFDCreate(CLOCK_MONOTONIC, TFD_CLOEXEC, kOwner)}) {
+        ASSERT_GE(fd, 0);
+        EXPECT_EQ(tavrel::host::fdsanGetTag(fd), tag);
+        EXPECT_EQ(System::Close(fd, kOwner), 0);
+        EXPECT_EQ(tavrel::host::fdsanGetTag(fd), 0u);
+    }
+    EXPECT_TRUE(logs.unified().empty());
+}
+
+TEST(EventCallDeathTest, ClosingWithAnotherOwnerIsCaught) {
+    const int fd = System::EventFD(0, EFD_CLOEXEC, kOwner);
     ASSERT_GE(fd, 0);
-    EXPECT_EQ(tavrel::host::fdsanGetTag(fd), zelcam_fdsan_create_tag(kOwner, kFdsanType));
+    char expected[160];
+    std::snprintf(expected, sizeof(expected),
+                  "fdsan: attempted to close fd %d with tag 0x%" PRIx64 " owned by 0x%" PRIx64, fd,
+                  zelcam_fdsan_create_tag(kOtherOwner, kFdsanType),
+                  zelcam_fdsan_create_tag(kOwner, kFdsanType));
+    EXPECT_DEATH(System::Close(fd, kOtherOwner), expected);
     EXPECT_EQ(System::Close(fd, kOwner), 0);
-    EXPECT_EQ(tavrel::host::fdsanGetTag(fd), 0u);
-    EXPECT_TRUE(logs.unifiedTexts().empty());
+}
+
+void ignoreSignal(int) {}
+
+TEST(EventCall, InterruptedWaitIsSilent) {
+    struct sigaction handler {};
+    handler.sa_handler = ignoreSignal;  // no SA_RESTART: the wait returns EINTR
+    struct sigaction previous {};
+    ASSERT_EQ(::sigaction(SIGUSR1, &handler, &previous), 0);
+    UniqueFd epoll(::epoll_create1(EPOLL_CLOEXEC));
+    epoll_event ready[1];
+    LogCapture logs;
+    std::atomic<bool> done{false};
+    const pthread_t waiter = pthread_self();
+    // Repeats the signal: one sent before the wait began would be lost.
+    std::thread sender([&] {
+        while (!done.load()) {
+            pthread_kill(waiter, SIGUSR1);
+            std::this_thread::sleep_for(kSignalRetry);
+        }
+    });
+    EXPECT_EQ(System::EPollWait(epoll.get(), ready, 1, kLongWaitMs), -EINTR);
+    done.store(true);
+    sender.join();
+    ::sigaction(SIGUSR1, &previous, nullptr);
+    EXPECT_TRUE(logs.unified().empty());
+    EXPECT_TRUE(logs.debugPrint().empty());
 }
 
 // The first block device under /dev, or an empty text.
@@ -155,7 +266,7 @@ std::string findBlockDevice() {
 TEST(FileCall, OpenAcceptsABlockDevice) {
     const std::string device = findBlockDevice();
     if (device.empty()) GTEST_SKIP() << "no block device under /dev on this machine";
-    LogCapture logs(LogSwitches{2, 5, 0, false});
+    LogCapture logs(unifiedOnly());
     // O_PATH needs no permission on the device itself.
     const int fd = System::Open(device.c_str(), O_PATH | O_CLOEXEC, kOwner);
     ASSERT_GE(fd, 0) << device;
@@ -165,7 +276,7 @@ TEST(FileCall, OpenAcceptsABlockDevice) {
 
 TEST(FileCall, EndOfDirectoryIsLoggedAsAnError) {
     TempDir dir;
-    LogCapture logs(LogSwitches{2, 5, 0, false});
+    LogCapture logs(unifiedOnly());
     DIR* stream = System::OpenDir(dir.path().c_str());
     ASSERT_NE(stream, nullptr);
     std::set<std::string> names;
@@ -241,7 +352,7 @@ TEST(ErrnoReaction, NothingListedBelowInfoOrForOtherErrors) {
 // At the descriptor limit, a wrapper fails with EMFILE and the listing cannot open its
 // directory either: one error line and nothing listed.
 void exhaustDescriptors() {
-    LogCapture logs(LogSwitches{2, 5, 0, false});
+    LogCapture logs(unifiedOnly());
     // UndefinedBehaviorSanitizer checks the logger's dynamic type by probing memory through
     // a pipe, which cannot be opened at the limit. One line logged beforehand puts the type
     // in the checker's cache, so the line under test is checked without a probe.
