@@ -35,34 +35,50 @@ std::vector<std::string> androidTexts(const StderrCapture& capture) {
     return texts;
 }
 
+// Every field of the unified lines, one text a line, to compare whole.
+Lines unifiedLines(const LogCapture& logs) {
+    Lines lines;
+    for (const auto& line : logs.unified()) {
+        char head[96];
+        std::snprintf(head, sizeof(head), "%s %d %#x %d|", line.tag.c_str(), line.level,
+                      line.moduleId, line.length);
+        lines.push_back(head + line.text);
+    }
+    return lines;
+}
+
 struct RouteCase {
-    uint32_t mode;
-    bool android;  // the Android log gets the line
-    bool unified;  // the unified logger gets it
+    LogSwitches switches;
+    uint32_t level;  // the printer's
+    bool android;    // the Android log gets the lines
+    bool unified;    // the unified logger gets them
 };
 
-TEST(ULogPrinter, ModeSelectsTheRoutes) {
-    for (const RouteCase c :
-         {RouteCase{1, true, false}, RouteCase{2, false, true}, RouteCase{8, false, true},
-          RouteCase{3, true, true}, RouteCase{0, false, false}}) {
-        SCOPED_TRACE("sMode " + std::to_string(c.mode));
-        LogCapture logs(LogSwitches{c.mode, 5, 0, true});
+// The mode picks the routes; the details level gates every line, and from the verbose
+// level on both halves of the module id must be enabled in the details mask.
+TEST(ULogPrinter, GatesAndRoutes) {
+    for (const RouteCase c : {
+             RouteCase{{1, 5, 0, true}, kErrorLevel, true, false},
+             RouteCase{{2, 5, 0, true}, kErrorLevel, false, true},
+             RouteCase{{8, 5, 0, true}, kErrorLevel, false, true},
+             RouteCase{{3, 5, 0, true}, kErrorLevel, true, true},
+             RouteCase{{0, 5, 0, true}, kErrorLevel, false, false},
+             RouteCase{{3, 0, 0, true}, kErrorLevel, false, false},
+             // The module id's high part is enabled, its unit part is not.
+             RouteCase{{3, UINT32_MAX, 0x08000000, true}, kVerboseLevel, false, false},
+             RouteCase{{3, 5, 0x08002000, true}, kVerboseLevel, true, true},
+         }) {
+        SCOPED_TRACE("sMode " + std::to_string(c.switches.mode) + " details " +
+                     std::to_string(c.switches.detailsLevel) + " level " + std::to_string(c.level));
+        LogCapture logs(c.switches);
         StderrCapture err;
-        ULogPrinter printer(kTag, kModuleId, kErrorLevel, ANDROID_LOG_ERROR, "pre:", false);
+        ULogPrinter printer(kTag, kModuleId, c.level, ANDROID_LOG_ERROR, "pre:", false);
         printer.printLine("one");
         printer.printFormatLine("two %d", 2);
-        const Lines expected = c.android ? Lines{"pre:one", "pre:two 2"} : Lines{};
-        EXPECT_EQ(androidTexts(err), expected);
-        const auto unified = logs.unified();
-        ASSERT_EQ(unified.size(), c.unified ? 2u : 0u);
-        if (!c.unified) continue;
-        EXPECT_EQ(unified[0].text, "one");
-        EXPECT_EQ(unified[0].length, 3);
-        EXPECT_EQ(unified[1].text, "two 2");
-        EXPECT_EQ(unified[1].length, 5);
-        EXPECT_EQ(unified[1].tag, kTag);
-        EXPECT_EQ(unified[1].level, 1);
-        EXPECT_EQ(unified[1].moduleId, kModuleId);
+        EXPECT_EQ(androidTexts(err), c.android ? (Lines{"pre:one", "pre:two 2"}) : Lines{});
+        const std::string head = "tavrel-printer " + std::to_string(c.level) + " 0x8002001 ";
+        EXPECT_EQ(unifiedLines(logs),
+                  c.unified ? (Lines{head + "3|one", head + "5|two 2"}) : Lines{});
     }
 }
 
@@ -87,61 +103,21 @@ TEST(ULogPrinter, AndroidRouteComesFirst) {
     EXPECT_EQ(lines[1], "unified first");
 }
 
-TEST(ULogPrinter, DetailsAndModuleGates) {
-    {
-        LogCapture logs(LogSwitches{3, 0, 0, true});
-        StderrCapture err;
-        ULogPrinter printer(kTag, kModuleId, kErrorLevel, ANDROID_LOG_ERROR, nullptr, false);
-        printer.printLine("hidden");
-        printer.printFormatLine("hidden %d", 1);
-        EXPECT_TRUE(androidTexts(err).empty());
-        EXPECT_TRUE(logs.unified().empty());
-    }
-    {
-        // The module id's high part is enabled, its unit part is not.
-        LogCapture logs(LogSwitches{3, UINT32_MAX, 0x08000000, true});
-        StderrCapture err;
-        ULogPrinter printer(kTag, kModuleId, kVerboseLevel, ANDROID_LOG_ERROR, nullptr, false);
-        printer.printLine("hidden");
-        printer.printFormatLine("hidden %d", 1);
-        EXPECT_TRUE(androidTexts(err).empty());
-        EXPECT_TRUE(logs.unified().empty());
-    }
-    {
-        LogCapture logs(LogSwitches{2, 5, 0x08002000, true});
-        ULogPrinter printer(kTag, kModuleId, kVerboseLevel, ANDROID_LOG_ERROR, nullptr, false);
-        printer.printLine("shown");
-        EXPECT_EQ(logs.unifiedTexts(), std::vector<std::string>{"shown"});
-    }
-}
-
-TEST(ULogPrinter, LongLineIsCutButKeepsItsLength) {
+// A formatted line is cut to the line size but keeps its untruncated length; an empty one
+// is still written, which the Android log shows as one space.
+TEST(ULogPrinter, FormattedLineIsCutButKeepsItsLength) {
     const std::string text(2000, 'y');
     LogCapture logs(LogSwitches{3, 5, 0, true});
     StderrCapture err;
     ULogPrinter printer(kTag, kModuleId, kErrorLevel, ANDROID_LOG_ERROR, nullptr, false);
     printer.printFormatLine("%s", text.c_str());
-    EXPECT_EQ(androidTexts(err), std::vector<std::string>{text.substr(0, 1023)});
-    const auto unified = logs.unified();
-    ASSERT_EQ(unified.size(), 1u);
-    EXPECT_EQ(unified[0].text, text.substr(0, 1023));
-    EXPECT_EQ(unified[0].length, 2000);
-}
-
-TEST(ULogPrinter, EmptyFormatWritesAnEmptyLine) {
-    LogCapture logs(LogSwitches{3, 5, 0, true});
-    StderrCapture err;
-    ULogPrinter printer(kTag, kModuleId, kErrorLevel, ANDROID_LOG_ERROR, nullptr, false);
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-zero-length"
     printer.printFormatLine("");
 #pragma GCC diagnostic pop
-    // The Android log shows a blank line as one space.
-    EXPECT_EQ(androidTexts(err), Lines{" "});
-    const auto unified = logs.unified();
-    ASSERT_EQ(unified.size(), 1u);
-    EXPECT_EQ(unified[0].text, "");
-    EXPECT_EQ(unified[0].length, 0);
+    EXPECT_EQ(androidTexts(err), (Lines{text.substr(0, 1023), " "}));
+    EXPECT_EQ(unifiedLines(logs), (Lines{"tavrel-printer 1 0x8002001 2000|" + text.substr(0, 1023),
+                                         "tavrel-printer 1 0x8002001 0|"}));
 }
 
 TEST(ULogPrinter, BothFacesAndTheTagCopy) {
@@ -152,11 +128,8 @@ TEST(ULogPrinter, BothFacesAndTheTagCopy) {
     NSCam::IPrinter& libraryFace = printer;
     androidFace.printFormatLine("android %d", 1);
     libraryFace.printLine("library");
-    const auto unified = logs.unified();
-    ASSERT_EQ(unified.size(), 2u);
-    EXPECT_EQ(unified[0].text, "android 1");
-    EXPECT_EQ(unified[1].text, "library");
-    EXPECT_EQ(unified[1].tag, longTag.substr(0, 63));
+    const std::string head = longTag.substr(0, 63) + " 1 0x8002001 ";
+    EXPECT_EQ(unifiedLines(logs), (Lines{head + "9|android 1", head + "7|library"}));
 }
 
 }  // namespace
