@@ -39,6 +39,7 @@ constexpr int kTcgets = 0x5401;
 // A made-up address-mapping request; the wrappers pass any number through.
 constexpr int kIovaRequest = static_cast<int>(0xC0104D01u);
 constexpr auto kSlow = std::chrono::milliseconds(3);
+constexpr uint64_t kCameraTag = 0x400;
 
 LogSwitches unifiedOnly() {
     return LogSwitches{2, 5, 0, false};
@@ -154,41 +155,28 @@ TEST(DriverCall, AllocatedRequestCarriesItsOwnersTag) {
     EXPECT_EQ(System::Close(request, kOwner), 0);
 }
 
-// Records the atrace markers with every category bit and the camera tag on.
-class AllTraceOn {
-public:
-    AllTraceOn() {
-        tavrel::host::setTraceSink(&AllTraceOn::onMarker, this);
-        tavrel::host::setTavrelTraceBits(~uint64_t{0});
-        tavrel::host::setAtraceEnabledTags(kCameraTag);
-    }
-    ~AllTraceOn() {
-        tavrel::host::setTraceSink(nullptr, nullptr);
-        tavrel::host::setTavrelTraceBits(0);
-        tavrel::host::setAtraceEnabledTags(0);
-    }
-    Lines markers;  // in the order they were written
-
-private:
-    static constexpr uint64_t kCameraTag = 0x400;
-    static void onMarker(void* self, const char* marker) {
-        static_cast<AllTraceOn*>(self)->markers.push_back(marker);
-    }
-};
-
+// Only the requests with a trace category open a section, named after the request.
 TEST(DriverCall, TraceSectionsAreNamedAfterTheRequest) {
     UniqueFd node(::eventfd(0, EFD_CLOEXEC));
     setFakeRequest(FakeRequest{node.get(), 0, 0});
     v4l2_event event{};
     const std::string pid = n(getpid());
-    AllTraceOn trace;
+    Lines markers;
+    tavrel::host::setTraceSink(
+        [](void* self, const char* marker) { static_cast<Lines*>(self)->push_back(marker); },
+        &markers);
+    tavrel::host::setTavrelTraceBits(~uint64_t{0});
+    tavrel::host::setAtraceEnabledTags(kCameraTag);
     EXPECT_EQ(System::ReinitMediaRequest(node.get()), 0);
-    EXPECT_TRUE(trace.markers.empty());
+    EXPECT_TRUE(markers.empty());
     EXPECT_EQ(System::QueueMediaRequest(node.get()), 0);
     EXPECT_EQ(System::DQueueEvent(node.get(), &event), 0);
+    tavrel::host::setTraceSink(nullptr, nullptr);
+    tavrel::host::setTavrelTraceBits(0);
+    tavrel::host::setAtraceEnabledTags(0);
     setFakeRequest(FakeRequest{});
-    EXPECT_EQ(trace.markers, (Lines{"B|" + pid + "|MEDIA_REQUEST_IOC_QUEUE", "E|" + pid,
-                                    "B|" + pid + "|VIDIOC_DQEVENT", "E|" + pid}));
+    EXPECT_EQ(markers, (Lines{"B|" + pid + "|MEDIA_REQUEST_IOC_QUEUE", "E|" + pid,
+                              "B|" + pid + "|VIDIOC_DQEVENT", "E|" + pid}));
 }
 
 // Sets an environment variable for the death tests' children, which load the library
@@ -230,8 +218,9 @@ void queueSlowAndFast() {
 }
 
 struct DurationCase {
-    const char* properties;  // the child's properties file
-    bool measured;           // whether the slow requests are reported
+    int detailsLevel;    // the unified logger's, at load
+    int cameraLogLevel;  // the camera log level at load, -1 for unset
+    bool measured;       // whether the slow requests are reported
 };
 
 TEST(DriverCallDeathTest, DurationCheckIsFixedAtLoad) {
@@ -239,27 +228,17 @@ TEST(DriverCallDeathTest, DurationCheckIsFixedAtLoad) {
         "^2 \\[QueueVideoNodeBuf\\] ioctl\\([0-9]+, VIDIOC_QBUF\\) takes [0-9]+ ns\n"
         "2 \\[QueueMediaRequest\\] ioctl\\([0-9]+, MEDIA_REQUEST_IOC_QUEUE\\) takes [0-9]+ "
         "ns\ndone\n$";
-    const std::string nothing = "^done\n$";
-    for (const DurationCase& c : {
-             DurationCase{"tavrel.host.ulog.details_level=4\n", true},
-             DurationCase{"tavrel.host.ulog.details_level=4\n"
-                          "persist.vendor.zel.camera.log_level=3\n",
-                          true},
-             DurationCase{"tavrel.host.ulog.details_level=4\n"
-                          "persist.vendor.zel.camera.log_level=2\n",
-                          false},
-             DurationCase{"tavrel.host.ulog.details_level=4\n"
-                          "persist.vendor.zel.camera.log_level=1\n",
-                          false},
-             DurationCase{"tavrel.host.ulog.details_level=4\n"
-                          "persist.vendor.zel.camera.log_level=0\n",
-                          false},
-             DurationCase{"tavrel.host.ulog.details_level=3\n", false},
-         }) {
-        SCOPED_TRACE(c.properties);
-        ChildEnvironment environment(c.properties);
+    for (const DurationCase& c :
+         {DurationCase{4, -1, true}, DurationCase{4, 3, true}, DurationCase{4, 2, false},
+          DurationCase{4, 1, false}, DurationCase{4, 0, false}, DurationCase{3, -1, false}}) {
+        std::string properties = "tavrel.host.ulog.details_level=" + n(c.detailsLevel) + "\n";
+        if (c.cameraLogLevel >= 0) {
+            properties += "persist.vendor.zel.camera.log_level=" + n(c.cameraLogLevel) + "\n";
+        }
+        SCOPED_TRACE(properties);
+        ChildEnvironment environment(properties);
         EXPECT_EXIT(queueSlowAndFast(), testing::ExitedWithCode(0),
-                    c.measured ? warnings : nothing);
+                    c.measured ? warnings : "^done\n$");
     }
 }
 
