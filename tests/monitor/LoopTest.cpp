@@ -1,5 +1,4 @@
 // The monitor thread: waking, interrupts, signals, per-event logs and teardown.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
@@ -10,13 +9,14 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 
 #include "common/LogCapture.h"
 #include "monitor/MonitorTestSupport.h"
-#include "tavrel/platform/Properties.h"
 #include "tavrel/platform/ThreadDriver.h"
 #include "tavrel/platform/UniqueFd.h"
 
@@ -25,17 +25,8 @@ namespace {
 
 using tavrel::host::ThreadDriver;
 
-bool contains(const std::vector<std::string>& lines, const std::string& line) {
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
-
 // The unified route at info level, where the monitor's interrupt lines are written.
-LogSwitches infoLines() {
-    LogSwitches switches;
-    switches.mode = 0x2;
-    switches.detailsLevel = 3;
-    return switches;
-}
+constexpr LogSwitches kInfoLines = {0x2, 3};
 
 // Whether thread `tid` sits in an epoll wait: the kernel function it sleeps in. Its system
 // call number would also tell, but under qemu user-mode that is the host's number, not
@@ -47,11 +38,14 @@ bool inEpollWait(int tid) {
     return function == "do_epoll_wait";
 }
 
-// Test thread: waits until the monitor thread `tid` waits again, or fails after a while
-// (an emulator or a loaded machine is slow, but not this slow).
-::testing::AssertionResult awaitEpollWait(int tid) {
-    constexpr auto kPatience = std::chrono::seconds(20);
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+// Test thread, with the loop running: signals `observer`, attached and not yet signalled,
+// and waits until its event was dispatched and the monitor thread waits again; fails after
+// a while (an emulator or a loaded machine is slow, but not this slow).
+::testing::AssertionResult waitingAfterAnEvent(EventFdObserver& observer) {
+    observer.signal();
+    if (!observer.waitForEvents(1)) return ::testing::AssertionFailure() << "no event dispatched";
+    const int tid = observer.dispatchThread();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (!inEpollWait(tid)) {
         if (std::chrono::steady_clock::now() >= deadline)
             return ::testing::AssertionFailure()
@@ -61,27 +55,19 @@ bool inEpollWait(int tid) {
     return ::testing::AssertionSuccess();
 }
 
-int openDescriptorCount() {
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
-    closedir(dir);
-    return count;
+// Counts the descriptor that lists them too, the same each time.
+long openDescriptorCount() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
-TEST(MonitorLoop, RequestExitBeforeTheThreadRunsEndsTheLoopAtOnce) {
-    auto monitor = makeMonitor("early");
-    monitor->requestExit();
-    EXPECT_FALSE(monitor->isActive());
-    EXPECT_FALSE(monitor->threadLoop());
-}
-
-// Each interrupt adds 0x40; one read takes all that are pending.
-TEST(MonitorLoop, InterruptReadsTheSumOfPendingRequests) {
-    LogCapture capture(infoLines());
+// Asked to exit before its thread runs, the loop ends at once. Each request adds 0x40 to
+// the interrupt; one read takes all that are pending.
+TEST(MonitorLoop, RequestsBeforeTheThreadRunsAddUpAndEndTheLoopAtOnce) {
+    LogCapture capture(kInfoLines);
     auto monitor = makeMonitor("x");
     monitor->requestExit();
     monitor->requestExit();
+    EXPECT_FALSE(monitor->isActive());
     monitor->onEvent({monitor.get(), EPOLLIN});
     EXPECT_TRUE(contains(capture.unifiedTexts(), "[P2DrvEP-x] isInterruptEvent: 0x80"));
 
@@ -90,25 +76,28 @@ TEST(MonitorLoop, InterruptReadsTheSumOfPendingRequests) {
     EXPECT_TRUE(contains(capture.unifiedTexts(), "[P2DrvEP-x] isInterruptEvent: read(" +
                                                      std::to_string(monitor->getEventFD()) +
                                                      ") returns -11 != 8"));
+    EXPECT_FALSE(monitor->threadLoop());
 }
 
-TEST(MonitorLoop, RequestExitWakesAWaitingLoop) {
-    LogCapture capture(infoLines());
-    auto monitor = makeMonitor("x");
-    EventFdObserver observer;
-    std::atomic<int> monitorTid{0};
-    observer.setHook([&](IEventObserver::OnEvent const&) { monitorTid = gettid(); });
-    monitor->attach(&observer, EPOLLIN);
+// Torn down after a run, or never run, a monitor leaves no descriptor open.
+TEST(MonitorLoop, RequestExitWakesAWaitingLoopAndNoDescriptorOutlivesTheMonitor) {
+    LogCapture capture(kInfoLines);
+    const long before = openDescriptorCount();
+    makeMonitor("idle");
     {
-        ThreadDriver driver(monitor);
-        observer.signal();
-        ASSERT_TRUE(observer.waitForEvents(1));
-        // Asked to exit only once it waits again, so that the interrupt wakes it.
-        ASSERT_TRUE(awaitEpollWait(monitorTid));
+        auto monitor = makeMonitor("x");
+        EventFdObserver observer;
+        monitor->attach(&observer, EPOLLIN);
+        {
+            ThreadDriver driver(monitor);
+            // Asked to exit only once it waits again, so that the interrupt wakes it.
+            ASSERT_TRUE(waitingAfterAnEvent(observer));
+        }
+        EXPECT_FALSE(monitor->isActive());
+        EXPECT_TRUE(contains(capture.unifiedTexts(), "[P2DrvEP-x] isInterruptEvent: 0x40"));
+        monitor->detach(&observer);
     }
-    EXPECT_FALSE(monitor->isActive());
-    EXPECT_TRUE(contains(capture.unifiedTexts(), "[P2DrvEP-x] isInterruptEvent: 0x40"));
-    monitor->detach(&observer);
+    EXPECT_EQ(openDescriptorCount(), before);
 }
 
 std::atomic<int> sSignalsSeen{0};
@@ -125,14 +114,10 @@ TEST(MonitorLoop, SignalDuringTheWaitDoesNotEndTheLoop) {
 
     auto monitor = makeMonitor("sig");
     EventFdObserver observer;
-    std::atomic<int> monitorTid{0};
-    observer.setHook([&](IEventObserver::OnEvent const&) { monitorTid = gettid(); });
     monitor->attach(&observer, EPOLLIN);
     {
         ThreadDriver driver(monitor);
-        observer.signal();
-        ASSERT_TRUE(observer.waitForEvents(1));
-        ASSERT_TRUE(awaitEpollWait(monitorTid));
+        ASSERT_TRUE(waitingAfterAnEvent(observer));
         pthread_kill(driver.nativeHandle(), SIGUSR1);
         while (sSignalsSeen.load() == 0) std::this_thread::yield();
 
@@ -142,40 +127,6 @@ TEST(MonitorLoop, SignalDuringTheWaitDoesNotEndTheLoop) {
     }
     monitor->detach(&observer);
     sigaction(SIGUSR1, &previous, nullptr);
-}
-
-TEST(MonitorLoop, LogvFramesEveryDispatch) {
-    constexpr const char* kLogv = "persist.vendor.camera.tavrel.EpollMonitor.logv";
-    LogCapture capture(infoLines());
-    tavrel::host::property_set(kLogv, "1");
-    auto monitor = makeMonitor("v");
-    tavrel::host::property_set(kLogv, nullptr);
-    EventFdObserver observer;
-    std::atomic<int> monitorTid{0};
-    observer.setHook([&](IEventObserver::OnEvent const&) { monitorTid = gettid(); });
-    const std::string fd = std::to_string(observer.getEventFD());
-    monitor->attach(&observer, EPOLLIN);
-    const std::string config = monitor->toString_config();
-    const std::string runtime = monitor->toString_runtime();
-    {
-        ThreadDriver driver(monitor);
-        observer.signal();
-        ASSERT_TRUE(observer.waitForEvents(1));
-        ASSERT_TRUE(awaitEpollWait(monitorTid));
-    }
-    const std::vector<std::string> texts = capture.unifiedTexts();
-    EXPECT_TRUE(contains(texts, "[attach] (" + fd + ", " + pointerText(&observer) + ")"));
-    EXPECT_TRUE(contains(texts, "[handleEvents] + fd=" + fd + " events=0x1 observer=" +
-                                    pointerText(&observer) + " " + config + " " + runtime));
-    EXPECT_TRUE(contains(texts, "[handleEvents] - fd=" + fd + " events=0x1"));
-    // The interrupt that ends the loop is framed too.
-    const auto starts = [&](const std::string& head) {
-        return std::count_if(texts.begin(), texts.end(),
-                             [&](const std::string& t) { return t.rfind(head, 0) == 0; });
-    };
-    EXPECT_EQ(starts("[handleEvents] + fd="), 2);
-    EXPECT_EQ(starts("[handleEvents] - fd="), 2);
-    monitor->detach(&observer);
 }
 
 // Detaches and frees itself from inside its own onEvent, as one-shot observers do.
@@ -195,43 +146,43 @@ private:
     std::atomic<bool>& mDone;  // set once the observer is gone
 };
 
-// The dispatch frame's closing line must not ask the freed observer for its descriptor.
-TEST(MonitorLoop, LogvFrameOfAnObserverThatFreedItself) {
-    constexpr const char* kLogv = "persist.vendor.camera.tavrel.EpollMonitor.logv";
-    LogCapture capture(infoLines());
-    tavrel::host::property_set(kLogv, "1");
-    auto monitor = makeMonitor("v");
-    tavrel::host::property_set(kLogv, nullptr);
+// The dispatch frame's closing line must not ask an observer that freed itself for its
+// descriptor.
+TEST(MonitorLoop, LogvFramesEveryDispatch) {
+    LogCapture capture(kInfoLines);
+    auto monitor = makeMonitor("v", "1");
+    EventFdObserver observer;
+    const std::string fd = std::to_string(observer.getEventFD());
+    tavrel::host::UniqueFd oneShotFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     std::atomic<bool> done{false};
-    tavrel::host::UniqueFd eventFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    const int fd = eventFd.get();
-    monitor->attach(new OneShotObserver(fd, done), EPOLLIN);
+    monitor->attach(&observer, EPOLLIN);
+    monitor->attach(new OneShotObserver(oneShotFd.get(), done), EPOLLIN);
+    const std::string config = monitor->toString_config();
+    std::string runtime;
     {
         ThreadDriver driver(monitor);
         const uint64_t one = 1;
-        ASSERT_EQ(write(fd, &one, sizeof(one)), static_cast<ssize_t>(sizeof(one)));
+        ASSERT_EQ(write(oneShotFd.get(), &one, sizeof(one)), static_cast<ssize_t>(sizeof(one)));
         while (!done) std::this_thread::yield();
+        runtime = monitor->toString_runtime();
+        ASSERT_TRUE(waitingAfterAnEvent(observer));
     }
-    EXPECT_TRUE(contains(capture.unifiedTexts(),
-                         "[handleEvents] - fd=" + std::to_string(fd) + " events=0x1"));
-    EXPECT_EQ(monitor->determineFdObserverCount(), 0u);
-}
-
-TEST(MonitorLoop, NoDescriptorOutlivesTheMonitor) {
-    const int before = openDescriptorCount();
-    makeMonitor("idle");
-    {
-        auto monitor = makeMonitor("ran");
-        EventFdObserver observer;
-        monitor->attach(&observer, EPOLLIN);
-        {
-            ThreadDriver driver(monitor);
-            observer.signal();
-            ASSERT_TRUE(observer.waitForEvents(1));
-        }
-        monitor->detach(&observer);
-    }
-    EXPECT_EQ(openDescriptorCount(), before);
+    const std::vector<std::string> texts = capture.unifiedTexts();
+    EXPECT_TRUE(contains(texts, "[attach] (" + fd + ", " + pointerText(&observer) + ")"));
+    EXPECT_TRUE(contains(texts, "[handleEvents] + fd=" + fd + " events=0x1 observer=" +
+                                    pointerText(&observer) + " " + config + " " + runtime));
+    EXPECT_TRUE(contains(texts, "[handleEvents] - fd=" + fd + " events=0x1"));
+    EXPECT_TRUE(
+        contains(texts, "[handleEvents] - fd=" + std::to_string(oneShotFd.get()) + " events=0x1"));
+    // The interrupt that ends the loop is framed too.
+    const auto starts = [&](const std::string& head) {
+        return std::count_if(texts.begin(), texts.end(),
+                             [&](const std::string& t) { return t.rfind(head, 0) == 0; });
+    };
+    EXPECT_EQ(starts("[handleEvents] + fd="), 3);
+    EXPECT_EQ(starts("[handleEvents] - fd="), 3);
+    EXPECT_EQ(monitor->determineFdObserverCount(), 1u);
+    monitor->detach(&observer);
 }
 
 }  // namespace

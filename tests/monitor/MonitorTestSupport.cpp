@@ -4,6 +4,8 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "tavrel/platform/Properties.h"
+
 namespace tavrel::test {
 
 namespace {
@@ -20,6 +22,14 @@ std::shared_ptr<EpollMonitor> makeMonitor(const char* name) {
     return std::static_pointer_cast<EpollMonitor>(IEpollMonitor::make(name));
 }
 
+std::shared_ptr<EpollMonitor> makeMonitor(const char* name, const char* logv) {
+    constexpr const char* kLogv = "persist.vendor.camera.tavrel.EpollMonitor.logv";
+    tavrel::host::property_set(kLogv, logv);
+    auto monitor = makeMonitor(name);
+    tavrel::host::property_set(kLogv, nullptr);
+    return monitor;
+}
+
 EventFdObserver::EventFdObserver(int fixedFd) : mFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (fixedFd >= 0) {
         dup2(mFd.get(), fixedFd);
@@ -34,6 +44,7 @@ void EventFdObserver::onEvent(IEventObserver::OnEvent const& event) {
     if (mHook) mHook(event);
     std::lock_guard<std::mutex> lock(mMutex);
     ++mEvents;
+    mDispatchThread = gettid();
     mEventSeen.notify_all();
 }
 
@@ -47,9 +58,9 @@ bool EventFdObserver::waitForEvents(int count) {
     return mEventSeen.wait_for(lock, kEventGuard, [&] { return mEvents >= count; });
 }
 
-int EventFdObserver::eventCount() {
+int EventFdObserver::dispatchThread() {
     std::lock_guard<std::mutex> lock(mMutex);
-    return mEvents;
+    return mDispatchThread;
 }
 
 void LinePrinter::printFormatLine(const char* format, ...) {

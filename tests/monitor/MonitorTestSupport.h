@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -25,6 +26,8 @@ using NSCam::NSTavrel::IEventObserver;
 
 // The concrete monitor behind IEpollMonitor::make, for its diagnostic accessors.
 std::shared_ptr<EpollMonitor> makeMonitor(const char* name);
+// The same, made while the logv property holds `logv`.
+std::shared_ptr<EpollMonitor> makeMonitor(const char* name, const char* logv);
 
 // An eventfd observer: counts what is dispatched to it and runs an optional hook on the
 // monitor thread.
@@ -48,7 +51,8 @@ public:
     // Blocks until `count` events have been dispatched in all; false if that never
     // happens (a guard against hanging, not a timing check).
     bool waitForEvents(int count);
-    int eventCount();
+    // The thread the latest event was dispatched on (0 before the first).
+    int dispatchThread();
 
 private:
     tavrel::host::UniqueFd mFd;          // the observed eventfd
@@ -57,7 +61,12 @@ private:
     std::mutex mMutex;                   // guards mEvents for the waiting test thread
     std::condition_variable mEventSeen;  // wakes waitForEvents
     int mEvents = 0;                     // events dispatched so far
+    int mDispatchThread = 0;             // gettid() of the latest dispatch
 };
+
+inline bool contains(const std::vector<std::string>& lines, const std::string& line) {
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
 
 // Collects the printed lines.
 class LinePrinter : public NSCam::IPrinter {
