@@ -21,50 +21,49 @@ using testing::Not;
 constexpr int kFirstFd = 200;
 constexpr int kSecondFd = 201;
 
-// The Android-log route only: the error printer's lines then carry their prefix.
-void useAndroidLogRoute() {
+// A monitor to misuse, reporting on the Android-log route only: the error printer's lines
+// then carry their prefix.
+std::shared_ptr<EpollMonitor> monitorToMisuse() {
     ULogger::sMode.store(1);
+    return makeMonitor("fatal");
 }
 
-std::string configLine(const std::string& prefix) {
-    return errorPrinterLine(prefix,
-                            "P2DrvEP-fatal: logv:0 { P2DrvEP-fatal .mEpollFd=@N .mEventFd=@N }");
+// What misuse under `op` prints: its message line, if any, the dump with the registry line
+// `registry`, then the fatal report.
+std::string misuseReport(const std::string& op, const std::string& message,
+                         const std::string& registry) {
+    return (message.empty() ? "" : errorPrinterLine(op, message) + ".*") +
+           errorPrinterLine(op,
+                            "P2DrvEP-fatal: logv:0 { P2DrvEP-fatal .mEpollFd=@N .mEventFd=@N }") +
+           ".*" + errorPrinterLine(op, "    { " + registry + " }") + ".*" +
+           fatalLine(op, "[" + op + "] FATAL");
 }
 
 TEST(MonitorFatalPathDeathTest, SecondAttachOfADescriptorDumpsAndEnds) {
     EXPECT_DEATH(
         {
-            useAndroidLogRoute();
-            auto monitor = makeMonitor("fatal");
+            auto monitor = monitorToMisuse();
             EventFdObserver observer(kFirstFd);
             monitor->attach(&observer, EPOLLIN);
             monitor->attach(&observer, EPOLLIN);
         },
-        ContainsRegex(errorPrinterLine("attach", "(200, @P) has existed") + ".*" +
-                      configLine("attach") + ".*" +
-                      errorPrinterLine("attach",
-                                       "    { #attach=2 #detach=0 .mActive=1 "
-                                       ".mFdObserverMap={ attach=[ (200, @P) ] } }") +
-                      ".*" + fatalLine("attach", "[attach] FATAL")));
+        ContainsRegex(misuseReport(
+            "attach", "(200, @P) has existed",
+            "#attach=2 #detach=0 .mActive=1 .mFdObserverMap={ attach=[ (200, @P) ] }")));
 }
 
 TEST(MonitorFatalPathDeathTest, UnknownDetachLeavesANullEntryInTheDump) {
     EXPECT_DEATH(
         {
-            useAndroidLogRoute();
-            auto monitor = makeMonitor("fatal");
+            auto monitor = monitorToMisuse();
             EventFdObserver attached(kFirstFd);
             EventFdObserver stranger(kSecondFd);
             monitor->attach(&attached, EPOLLIN);
             monitor->detach(&stranger);
         },
-        ContainsRegex(errorPrinterLine("detach", "(201, @P) not found") + ".*" +
-                      configLine("detach") + ".*" +
-                      errorPrinterLine("detach",
-                                       "    { #attach=1 #detach=0 .mActive=1 "
-                                       ".mFdObserverMap={ attach=[ (200, @P) ] "
-                                       "detach=[ 201 ] } }") +
-                      ".*" + fatalLine("detach", "[detach] FATAL")));
+        ContainsRegex(misuseReport("detach", "(201, @P) not found",
+                                   "#attach=1 #detach=0 .mActive=1 .mFdObserverMap={ attach=[ "
+                                   "(200, @P) ] detach=[ 201 ] }")));
 }
 
 // A detached descriptor keeps its null entry; the kernel refuses to modify it, and modify
@@ -72,19 +71,16 @@ TEST(MonitorFatalPathDeathTest, UnknownDetachLeavesANullEntryInTheDump) {
 TEST(MonitorFatalPathDeathTest, RefusedModifyDumpsWithoutMessageLine) {
     EXPECT_DEATH(
         {
-            useAndroidLogRoute();
-            auto monitor = makeMonitor("fatal");
+            auto monitor = monitorToMisuse();
             EventFdObserver observer(kFirstFd);
             monitor->attach(&observer, EPOLLIN);
             monitor->detach(&observer);
             monitor->modify(&observer, EPOLLIN | EPOLLET);
         },
-        AllOf(ContainsRegex(configLine("modify") + ".*" +
-                            errorPrinterLine("modify",
-                                             "    { #attach=1 #detach=1 .mActive=1 "
-                                             ".mFdObserverMap={ detach=[ 200 ] } }") +
-                            ".*" + fatalLine("modify", "[modify] FATAL")),
-              Not(HasSubstr("modify(200"))));
+        AllOf(
+            ContainsRegex(misuseReport(
+                "modify", "", "#attach=1 #detach=1 .mActive=1 .mFdObserverMap={ detach=[ 200 ] }")),
+            Not(HasSubstr("modify(200"))));
 }
 
 TEST(MonitorFatalPathDeathTest, ReadyEntryWithoutObserverEnds) {
