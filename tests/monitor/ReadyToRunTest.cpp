@@ -4,9 +4,11 @@
 #include <sys/epoll.h>
 #include <sys/resource.h>
 
-#include <climits>
+#include <cstdint>
 #include <fstream>
+#include <string>
 #include <thread>
+#include <tuple>
 
 #include "monitor/MonitorTestSupport.h"
 #include "tavrel/platform/Properties.h"
@@ -23,20 +25,14 @@ constexpr int32_t kNotGiven = INT32_MIN;
 // The lowest nice value the cases below ask for (the property default).
 constexpr int kLowestNiceUsed = 6;
 
-// How the calling thread ended up.
-struct ThreadState {
-    std::string name;
-    int policy = -1;
-    int nice = INT_MIN;
-};
+// How the calling thread ended up: its name, policy and nice value.
+using ThreadState = std::tuple<std::string, int, int>;
 
 ThreadState thisThreadState() {
     std::ifstream comm("/proc/thread-self/comm");
-    ThreadState state;
-    std::getline(comm, state.name);
-    state.policy = sched_getscheduler(0);
-    state.nice = getpriority(PRIO_PROCESS, 0);  // per thread on Linux
-    return state;
+    std::string name;
+    std::getline(comm, name);
+    return {name, sched_getscheduler(0), getpriority(PRIO_PROCESS, 0)};  // nice per thread on Linux
 }
 
 // Runs readyToRun on a fresh thread, which starts with the test thread's scheduling.
@@ -71,20 +67,13 @@ protected:
     int mInheritedNice = getpriority(PRIO_PROCESS, 0);            // what new threads get
 };
 
-TEST_F(MonitorReadyToRun, NeitherGivenAppliesThePropertyDefaults) {
-    const ThreadState state = stateAfterReadyToRun(*mMonitor, "", kNotGiven, kNotGiven);
-    EXPECT_EQ(state.name, "P2DrvEP-rtr");
-    EXPECT_EQ(state.policy, SCHED_OTHER);
-    EXPECT_EQ(state.nice, 6);
-}
-
-TEST_F(MonitorReadyToRun, NeitherGivenAppliesTheProperties) {
+TEST_F(MonitorReadyToRun, NeitherGivenAppliesThePropertiesOrTheirDefaults) {
+    EXPECT_EQ(stateAfterReadyToRun(*mMonitor, "", kNotGiven, kNotGiven),
+              ThreadState("P2DrvEP-rtr", SCHED_OTHER, 6));
     tavrel::host::property_set(kPolicyKey, "0");     // SCHED_BATCH
     tavrel::host::property_set(kPriorityKey, "11");  // nice 11
-    const ThreadState state = stateAfterReadyToRun(*mMonitor, "named", kNotGiven, kNotGiven);
-    EXPECT_EQ(state.name, "named");
-    EXPECT_EQ(state.policy, SCHED_BATCH);
-    EXPECT_EQ(state.nice, 11);
+    EXPECT_EQ(stateAfterReadyToRun(*mMonitor, "named", kNotGiven, kNotGiven),
+              ThreadState("named", SCHED_BATCH, 11));
 }
 
 // Given values are the driver's to apply: the monitor leaves the scheduling alone, even
@@ -94,10 +83,8 @@ TEST_F(MonitorReadyToRun, AnyGivenValueLeavesSchedulingToTheDriver) {
     tavrel::host::property_set(kPriorityKey, "11");
     const std::pair<int32_t, int32_t> given[] = {{2, kNotGiven}, {kNotGiven, 5}, {1, 9}};
     for (const auto& [policy, priority] : given) {
-        const ThreadState state = stateAfterReadyToRun(*mMonitor, "", policy, priority);
-        EXPECT_EQ(state.name, "P2DrvEP-rtr");
-        EXPECT_EQ(state.policy, SCHED_OTHER);
-        EXPECT_EQ(state.nice, mInheritedNice);
+        EXPECT_EQ(stateAfterReadyToRun(*mMonitor, "", policy, priority),
+                  ThreadState("P2DrvEP-rtr", SCHED_OTHER, mInheritedNice));
     }
 }
 
@@ -111,9 +98,7 @@ TEST_F(MonitorReadyToRun, HostDriverNamesTheThreadAndAppliesGivenScheduling) {
         observer.signal();
         ASSERT_TRUE(observer.waitForEvents(1));
     }
-    EXPECT_EQ(state.name, "driven");
-    EXPECT_EQ(state.policy, SCHED_BATCH);
-    EXPECT_EQ(state.nice, 12);
+    EXPECT_EQ(state, ThreadState("driven", SCHED_BATCH, 12));
     mMonitor->detach(&observer);
 }
 
