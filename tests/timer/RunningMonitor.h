@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -68,6 +69,10 @@ inline timespec now(clockid_t clock = CLOCK_MONOTONIC) {
     timespec t{};
     clock_gettime(clock, &t);
     return t;
+}
+
+inline int64_t toNs(const timespec& t) {
+    return int64_t{t.tv_sec} * 1000000000 + t.tv_nsec;
 }
 
 inline timespec addNs(timespec t, long ns) {

@@ -7,20 +7,14 @@
 #include "RunningMonitor.h"
 #include "tavrel/Timer.h"
 
+namespace tavrel::test {
 namespace {
 
 using NSCam::NSTavrel::Timer;
-using tavrel::test::addNs;
-using tavrel::test::now;
-using tavrel::test::settingOf;
 
 constexpr int kThreads = 6;
 constexpr int kRounds = 2000;
 constexpr long kNsPerSec = 1000000000L;
-
-int64_t toNs(const timespec& t) {
-    return int64_t{t.tv_sec} * kNsPerSec + t.tv_nsec;
-}
 
 // Thread k always arms a period of k + 1 seconds due (k + 1) hours from the start: what
 // the timer is left with tells which thread set it, and the two halves must agree.
@@ -62,3 +56,4 @@ TEST(TimerConcurrencyTest, ConcurrentStartsStopsAndRearmsNeverMixSettings) {
 }
 
 }  // namespace
+}  // namespace tavrel::test

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -9,21 +10,13 @@
 #include "RunningMonitor.h"
 #include "tavrel/Timer.h"
 
+namespace tavrel::test {
 namespace {
 
 using NSCam::NSTavrel::Timer;
-using tavrel::test::addNs;
-using tavrel::test::EventCounter;
-using tavrel::test::now;
-using tavrel::test::RunningMonitor;
-using tavrel::test::settingOf;
 
 constexpr long kMs = 1000 * 1000;
 constexpr timespec kOnce = {0, 0};
-
-int64_t toNs(const timespec& t) {
-    return int64_t{t.tv_sec} * 1000000000 + t.tv_nsec;
-}
 
 bool disarmed(const itimerspec& s) {
     return s.it_value.tv_sec == 0 && s.it_value.tv_nsec == 0 && s.it_interval.tv_sec == 0 &&
@@ -40,24 +33,6 @@ void settle() {
 void finish(RunningMonitor& monitor, std::initializer_list<Timer*> timers) {
     monitor.stop();
     for (Timer* timer : timers) monitor->detach(timer);
-}
-
-TEST(TimerFiringTest, OneShotDeadlinesFireOnceAndLeaveTheTimerDisarmed) {
-    for (long aheadMs : {20L, -1000L}) {  // in the future, and already past
-        SCOPED_TRACE(aheadMs);
-        RunningMonitor monitor;
-        EventCounter fired;
-        auto timer = std::make_shared<Timer>("p2", CLOCK_MONOTONIC, [&] { fired.add(); });
-        monitor->attach(timer.get(), timer->getEventType());
-        const timespec deadline = addNs(now(), aheadMs * kMs);
-        timer->startTimerAbsoluteTime(&deadline, &kOnce);
-
-        ASSERT_TRUE(fired.waitFor(1));
-        settle();
-        EXPECT_EQ(fired.count(), 1);
-        EXPECT_TRUE(disarmed(settingOf(timer->getEventFD())));
-        finish(monitor, {timer.get()});
-    }
 }
 
 // Every dispatch re-arms the timer and so clears its expiration count: the
@@ -95,67 +70,56 @@ TEST(TimerFiringTest, PeriodicTimerRunsOneCallbackPerExpiryAndKeepsRunning) {
     finish(monitor, {timer.get()});
 }
 
-TEST(TimerFiringTest, CallbackCanStopOrRestartItsOwnTimer) {
+// One callback per expiry, and the re-arm after it keeps what the callback left: one-shots
+// due ahead or already past end disarmed, a periodic timer stopped from its callback stays
+// stopped, and one given a far deadline from its callback keeps that deadline.
+TEST(TimerFiringTest, ExpiryRunsOneCallbackAndTheReArmKeepsWhatItLeft) {
     RunningMonitor monitor;
-    // Stopped from the callback: the re-arm keeps it stopped.
-    EventCounter stopped;
+    EventCounter aheadFired, pastFired, stopped, restarted;
+    auto ahead = std::make_shared<Timer>("ahead", CLOCK_MONOTONIC, [&] { aheadFired.add(); });
+    auto past = std::make_shared<Timer>("past", CLOCK_MONOTONIC, [&] { pastFired.add(); });
     std::shared_ptr<Timer> stopping;
     stopping = std::make_shared<Timer>("stop", CLOCK_MONOTONIC, [&] {
         stopping->stopTimer();
         stopped.add();
     });
-    // Given a far deadline from the callback: the re-arm keeps that deadline.
-    EventCounter restarted;
     const timespec farDeadline = addNs(now(), 3600L * 1000 * kMs);
     std::shared_ptr<Timer> restarting;
     restarting = std::make_shared<Timer>("restart", CLOCK_MONOTONIC, [&] {
         restarting->startTimerAbsoluteTime(&farDeadline, &kOnce);
         restarted.add();
     });
+    const std::initializer_list<Timer*> timers = {ahead.get(), past.get(), stopping.get(),
+                                                  restarting.get()};
+    for (Timer* timer : timers) monitor->attach(timer, timer->getEventType());
+    const timespec aheadDeadline = addNs(now(), 20 * kMs);
+    const timespec pastDeadline = addNs(now(), -1000 * kMs);
     const timespec interval = {0, 1 * kMs};
     const timespec soon = addNs(now(), 5 * kMs);
-    for (Timer* timer : {stopping.get(), restarting.get()}) {
-        monitor->attach(timer, timer->getEventType());
-        timer->startTimerAbsoluteTime(&soon, &interval);
-    }
+    ahead->startTimerAbsoluteTime(&aheadDeadline, &kOnce);
+    past->startTimerAbsoluteTime(&pastDeadline, &kOnce);
+    stopping->startTimerAbsoluteTime(&soon, &interval);
+    restarting->startTimerAbsoluteTime(&soon, &interval);
 
-    ASSERT_TRUE(stopped.waitFor(1));
-    ASSERT_TRUE(restarted.waitFor(1));
+    const std::initializer_list<EventCounter*> counters = {&aheadFired, &pastFired, &stopped,
+                                                           &restarted};
+    for (EventCounter* fired : counters) ASSERT_TRUE(fired->waitFor(1));
     settle();
-    EXPECT_EQ(stopped.count(), 1);
-    EXPECT_EQ(restarted.count(), 1);
-    EXPECT_TRUE(disarmed(settingOf(stopping->getEventFD())));
+    for (EventCounter* fired : counters) EXPECT_EQ(fired->count(), 1);
+    for (Timer* timer : {ahead.get(), past.get(), stopping.get()})
+        EXPECT_TRUE(disarmed(settingOf(timer->getEventFD()))) << timer->getEventName();
     const itimerspec kept = settingOf(restarting->getEventFD());
     EXPECT_EQ(toNs(kept.it_interval), 0);
     // What is left is close to the hour given, and certainly not the old period.
     EXPECT_GT(toNs(kept.it_value), 3500L * 1000 * kMs);
     EXPECT_LE(toNs(kept.it_value), 3600L * 1000 * kMs);
-    finish(monitor, {stopping.get(), restarting.get()});
+    finish(monitor, timers);
 }
 
-// Destroyed along with the Timer's callback: records where and when that happened.
-class DeathWitness {
-public:
-    DeathWitness(std::thread::id* diedOn, bool* callbackHadReturned,
-                 const std::atomic<bool>* callbackReturned, EventCounter* died)
-        : mDiedOn(diedOn),
-          mCallbackHadReturned(callbackHadReturned),
-          mCallbackReturned(callbackReturned),
-          mDied(died) {}
-    DeathWitness(const DeathWitness&) = delete;
-    DeathWitness& operator=(const DeathWitness&) = delete;
-
-    ~DeathWitness() {
-        *mDiedOn = std::this_thread::get_id();
-        *mCallbackHadReturned = mCallbackReturned->load();
-        mDied->add();
-    }
-
-private:
-    std::thread::id* mDiedOn;                    // where the Timer was destroyed
-    bool* mCallbackHadReturned;                  // whether its callback had finished by then
-    const std::atomic<bool>* mCallbackReturned;  // set by the callback as it finishes
-    EventCounter* mDied;                         // counts the destruction
+// Destroyed along with the Timer's callback that holds it: runs `onDestroy` then.
+struct DestroyWitness {
+    std::function<void()> onDestroy;
+    ~DestroyWitness() { onDestroy(); }
 };
 
 TEST(TimerFiringTest, CallbackDroppingTheLastOwnerDestroysTheTimerAfterItReturns) {
@@ -168,8 +132,13 @@ TEST(TimerFiringTest, CallbackDroppingTheLastOwnerDestroysTheTimerAfterItReturns
     std::mutex ownerMutex;
     std::shared_ptr<Timer> owner;
     {
-        auto witness =
-            std::make_shared<DeathWitness>(&diedOn, &callbackHadReturned, &callbackReturned, &died);
+        // Records where and when the Timer went.
+        auto witness = std::make_shared<DestroyWitness>();
+        witness->onDestroy = [&] {
+            diedOn = std::this_thread::get_id();
+            callbackHadReturned = callbackReturned.load();
+            died.add();
+        };
         owner = std::make_shared<Timer>("drop", CLOCK_MONOTONIC, [&, witness] {
             callbackRanOn = std::this_thread::get_id();
             std::lock_guard<std::mutex> lock(ownerMutex);
@@ -193,3 +162,4 @@ TEST(TimerFiringTest, CallbackDroppingTheLastOwnerDestroysTheTimerAfterItReturns
 }
 
 }  // namespace
+}  // namespace tavrel::test
