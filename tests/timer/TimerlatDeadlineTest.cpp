@@ -11,15 +11,14 @@
 #include <thread>
 
 #include "Deadline.h"
+#include "RunningMonitor.h"
 
+namespace tavrel::timerlat {
 namespace {
 
-using tavrel::timerlat::deadlinesOf;
-using tavrel::timerlat::ExpiryDeadlines;
-using tavrel::timerlat::isConsistent;
-using tavrel::timerlat::lookAt;
-using tavrel::timerlat::slipOf;
-using tavrel::timerlat::TimerLook;
+using tavrel::test::addNs;
+using tavrel::test::now;
+using tavrel::test::toNs;
 
 constexpr int64_t kNsPerUs = 1000;
 constexpr int64_t kNsPerMs = 1000 * kNsPerUs;
@@ -42,12 +41,7 @@ struct KernelTimer {
     // A look whose clock readings are `beforeNs` and `afterNs`, with the kernel reading its
     // clock at `getNs` in timerfd_gettime and at `readNs` in read().
     TimerLook look(int64_t beforeNs, int64_t getNs, int64_t readNs, int64_t afterNs) const {
-        TimerLook look;
-        look.beforeNs = beforeNs;
-        look.afterNs = afterNs;
-        look.remainingNs = remainingAt(getNs);
-        look.expiries = passedAt(readNs);
-        return look;
+        return {beforeNs, afterNs, remainingAt(getNs), passedAt(readNs)};
     }
 };
 
@@ -145,32 +139,10 @@ TEST(TimerlatDeadlineTest, ALookADeadlineFellInsideIsNotConsistent) {
     EXPECT_FALSE(isConsistent(backwards));
 }
 
-TEST(TimerlatDeadlineTest, ALookThatTellsNothingLeavesTheFloor) {
-    const int64_t floorNs = kDue - 40 * kNsPerUs;
-    TimerLook failed;
-    failed.beforeNs = kDue + 5000;
-    failed.afterNs = kDue + 6000;
-    failed.remainingNs = -1;
-    failed.expiries = 1;
-    ExpiryDeadlines d = deadlinesOf(failed, kInterval, floorNs);
-    EXPECT_EQ(d.dueNs, floorNs);
-    EXPECT_EQ(d.nextNs, failed.afterNs);
-
-    TimerLook passedUnfired = failed;
-    passedUnfired.remainingNs = 0;
-    d = deadlinesOf(passedUnfired, kInterval, floorNs);
-    EXPECT_EQ(d.dueNs, floorNs);
-
-    TimerLook nothingDrained = failed;
-    nothingDrained.remainingNs = 150 * kNsPerUs;
-    nothingDrained.expiries = 0;
-    EXPECT_FALSE(isConsistent(nothingDrained));
-    d = deadlinesOf(nothingDrained, kInterval, floorNs);
-    EXPECT_EQ(d.dueNs, floorNs);
-}
-
-// A look can place the deadline earlier than the floor (a wide bracket); the floor, a time
-// the deadline is known not to precede, is the better of the two.
+// The floor is a time the deadline is known not to precede. A look can place the deadline
+// earlier (a wide bracket): the floor is then the better of the two. A failed
+// timerfd_gettime, a deadline passed but not yet fired, and a look that drained no expiry
+// place nothing: the floor stands.
 TEST(TimerlatDeadlineTest, NeverPlacesTheDeadlineBeforeTheFloor) {
     const KernelTimer kernel{kDue, kInterval};
     const int64_t getNs = kDue + 90 * kNsPerUs;
@@ -178,6 +150,16 @@ TEST(TimerlatDeadlineTest, NeverPlacesTheDeadlineBeforeTheFloor) {
     ASSERT_TRUE(isConsistent(look));
     EXPECT_EQ(deadlinesOf(look, kInterval, 0).dueNs, kDue - (getNs - (kDue + 1000)));
     EXPECT_EQ(deadlinesOf(look, kInterval, kDue - 10).dueNs, kDue - 10);
+
+    const int64_t floorNs = kDue - 40 * kNsPerUs;
+    const TimerLook failed{kDue + 5000, kDue + 6000, -1, 1};
+    EXPECT_EQ(deadlinesOf(failed, kInterval, floorNs).dueNs, floorNs);
+    EXPECT_EQ(deadlinesOf(failed, kInterval, floorNs).nextNs, failed.afterNs);
+    const TimerLook passedUnfired{kDue + 5000, kDue + 6000, 0, 1};
+    EXPECT_EQ(deadlinesOf(passedUnfired, kInterval, floorNs).dueNs, floorNs);
+    const TimerLook nothingDrained{kDue + 5000, kDue + 6000, 150 * kNsPerUs, 0};
+    EXPECT_FALSE(isConsistent(nothingDrained));
+    EXPECT_EQ(deadlinesOf(nothingDrained, kInterval, floorNs).dueNs, floorNs);
 }
 
 TEST(TimerlatDeadlineTest, SlipLeavesOutTheIntervalsTheKernelSkipped) {
@@ -188,16 +170,6 @@ TEST(TimerlatDeadlineTest, SlipLeavesOutTheIntervalsTheKernelSkipped) {
     EXPECT_EQ(slipOf(kDue + kInterval / 2 - 1, kDue, kInterval), kInterval / 2 - 1);
 }
 
-int64_t monotonicNs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * kNsPerSec + now.tv_nsec;
-}
-
-timespec toTimespec(int64_t ns) {
-    return {static_cast<time_t>(ns / kNsPerSec), static_cast<long>(ns % kNsPerSec)};
-}
-
 // A real timerfd armed for a known absolute deadline, looked at only once two more
 // deadlines have passed: the look places the deadline no later than it was set and, when
 // consistent, no earlier than its own width; its next deadline is one of the timer's.
@@ -205,15 +177,15 @@ TEST(TimerlatDeadlineTest, PlacesARealTimerfdsDeadline) {
     constexpr int64_t kPeriod = 20 * kNsPerMs;
     const int fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
     ASSERT_GE(fd, 0);
-    const int64_t dueNs = monotonicNs() + 5 * kNsPerMs;
-    const itimerspec setting{toTimespec(kPeriod), toTimespec(dueNs)};
+    const int64_t dueNs = toNs(now()) + 5 * kNsPerMs;
+    const itimerspec setting{addNs({}, kPeriod), addNs({}, dueNs)};
     ASSERT_EQ(timerfd_settime(fd, TFD_TIMER_ABSTIME, &setting, nullptr), 0);
     pollfd ready{fd, POLLIN, 0};
     ASSERT_EQ(poll(&ready, 1, 10 * 1000), 1);
-    while (monotonicNs() < dueNs + 2 * kPeriod + kNsPerMs) {
+    while (toNs(now()) < dueNs + 2 * kPeriod + kNsPerMs) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    const int64_t sinceNs = monotonicNs();
+    const int64_t sinceNs = toNs(now());
 
     const TimerLook look = lookAt(fd, CLOCK_MONOTONIC, 5 * kNsPerUs, 8);
     close(fd);
@@ -233,3 +205,4 @@ TEST(TimerlatDeadlineTest, PlacesARealTimerfdsDeadline) {
 }
 
 }  // namespace
+}  // namespace tavrel::timerlat
