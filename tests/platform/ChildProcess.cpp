@@ -101,6 +101,11 @@ ChildResult runChild(const std::string& mode, const std::vector<std::string>& en
     return result;
 }
 
+ChildResult runWithProperties(const std::string& mode, const std::string& properties,
+                              const TempDir& dir) {
+    return runChild(mode, {"TAVREL_PROPERTIES=" + dir.write("child.prop", properties)}, dir);
+}
+
 std::string readFile(const std::string& path) {
     std::ifstream in(path);
     std::stringstream content;
@@ -134,6 +139,14 @@ std::vector<std::string> matchWhole(const std::string& text, const std::string& 
                                     static_cast<size_t>(groups[i].rm_eo - groups[i].rm_so)));
     }
     return found;
+}
+
+std::string androidLogEntry(const std::string& line, const std::string& tag, pid_t pid) {
+    const std::vector<std::string> match =
+        matchWhole(line, tag + " ([A-Z]) [0-9]{2}-[0-9]{2} [0-9:]{8} +([0-9]+) +([0-9]+) (.*)");
+    const std::string id = std::to_string(pid);
+    if (match.empty() || match[2] != id || match[3] != id) return "unexpected: " + line;
+    return match[1] + " " + match[4];
 }
 
 }  // namespace tavrel::test

@@ -45,6 +45,10 @@ struct ChildResult {
 ChildResult runChild(const std::string& mode, const std::vector<std::string>& env,
                      const TempDir& dir);
 
+// runChild() with `properties` as the child's property file, written into `dir`.
+ChildResult runWithProperties(const std::string& mode, const std::string& properties,
+                              const TempDir& dir);
+
 // The whole content of a file, or an empty text when it cannot be read.
 std::string readFile(const std::string& path);
 
@@ -54,5 +58,9 @@ std::vector<std::string> splitLines(const std::string& text);
 // Matches all of `text` against the POSIX extended expression `pattern`; returns the
 // whole match and each group, or nothing when it does not match.
 std::vector<std::string> matchWhole(const std::string& text, const std::string& pattern);
+
+// A line of the host's Android log as "<priority letter> <text>" when it has `tag` and was
+// written by the main thread of `pid`, else "unexpected: <line>".
+std::string androidLogEntry(const std::string& line, const std::string& tag, pid_t pid);
 
 }  // namespace tavrel::test
