@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -53,30 +52,24 @@ TEST(CrashReporterTest, ReportGoesToTheAndroidLogAtFatalPriorityAndToNumberedFil
     TempDir dir;
     const std::string reports = dir.path() + "/reports";
     ASSERT_EQ(0, mkdir(reports.c_str(), kDirMode));
-    const std::string props = dir.write("crash.prop", "tavrel.host.crash.dir=" + reports + "\n");
-    const ChildResult child = runChild("crash-report", {"TAVREL_PROPERTIES=" + props}, dir);
-    ASSERT_TRUE(WIFEXITED(child.status));
-    EXPECT_EQ(0, WEXITSTATUS(child.status));
+    const ChildResult child =
+        runWithProperties("crash-report", "tavrel.host.crash.dir=" + reports + "\n", dir);
+    ASSERT_EQ(0, child.status) << child.err;
     EXPECT_EQ("errno=11\n", child.out);
 
     const std::string pid = std::to_string(child.pid);
-    const std::string androidLine =
-        "tavrel-crash ([FE]) [0-9]{2}-[0-9]{2} [0-9:]{8} +([0-9]+) +([0-9]+) (.*)";
-    const std::vector<std::string> expected = {
-        "F varnok: MEDIA_REQUEST_IOC_QUEUE err=-5(Input/output error) Please check "
-        "VarnokKernel.",
-        "CRDISPATCH_KEY:VarnokKernel", "F other: second 2", "F third: lost",
-        "E cannot create " + reports + "/gone/tavrel-crash-" + pid +
-            "-3.txt: No such file or directory"};
-    const std::vector<std::string> lines = splitLines(child.err);
-    ASSERT_EQ(expected.size(), lines.size()) << child.err;
-    EXPECT_EQ(expected[1], lines[1]);  // the Android log continues a line without a header
-    for (size_t i : {0u, 2u, 3u, 4u}) {
-        const std::vector<std::string> match = matchWhole(lines[i], androidLine);
-        ASSERT_FALSE(match.empty()) << lines[i];
-        EXPECT_EQ(pid, match[2]);
-        EXPECT_EQ(expected[i], match[1] + " " + match[4]);
+    std::vector<std::string> logged = splitLines(child.err);
+    for (size_t i = 0; i < logged.size(); ++i) {
+        // The Android log continues a text's second line without a header.
+        if (i != 1) logged[i] = androidLogEntry(logged[i], "tavrel-crash", child.pid);
     }
+    EXPECT_EQ((std::vector<std::string>{
+                  "F varnok: MEDIA_REQUEST_IOC_QUEUE err=-5(Input/output error) Please check "
+                  "VarnokKernel.",
+                  "CRDISPATCH_KEY:VarnokKernel", "F other: second 2", "F third: lost",
+                  "E cannot create " + reports + "/gone/tavrel-crash-" + pid +
+                      "-3.txt: No such file or directory"}),
+              logged);
 
     EXPECT_EQ("module: varnok\npid: " + pid + "\ntid: " + pid +
                   "\ntext:\nMEDIA_REQUEST_IOC_QUEUE err=-5(Input/output error) Please check "
