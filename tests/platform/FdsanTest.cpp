@@ -46,13 +46,9 @@ protected:
 // The cases whose child dies, named so that runs leaving death tests out find them.
 class FdsanDeathTest : public FdsanTest {};
 
-TEST_F(FdsanTest, TagCarriesTypeInTopByteAndOwnerInTheRest) {
-    EXPECT_EQ(kOwnerTag, 0x0100000000000abcULL);
-    EXPECT_EQ(zelcam_fdsan_create_tag(0xff12345678abcdefUL, 2), 0x0212345678abcdefULL);
-    EXPECT_EQ(zelcam_fdsan_create_tag(0, kType), 0x0100000000000000ULL);
-}
-
 TEST_F(FdsanTest, OwnedDescriptorClosesWithItsTagAndLosesIt) {
+    // The type takes the top byte, whatever the owner's value held there.
+    EXPECT_EQ(zelcam_fdsan_create_tag(0xff12345678abcdefUL, 2), 0x0212345678abcdefULL);
     UniqueFd fd(eventfd(0, EFD_CLOEXEC));
     EXPECT_EQ(fdsanGetTag(fd.get()), 0u);
     EXPECT_EQ(zelcam_fdsan_exchange_tag(fd.get(), 0, kOwnerTag, kType), 0);
@@ -65,67 +61,43 @@ TEST_F(FdsanTest, OwnedDescriptorClosesWithItsTagAndLosesIt) {
     EXPECT_FALSE(isOpen(number));
 }
 
+// Each misuse of kFixedFd, owned by kOwnerTag, and the report it dies with.
 TEST_F(FdsanDeathTest, FatalReactionNamesDescriptorAndBothOwners) {
-    EXPECT_DEATH(
-        {
-            UniqueFd fd = fixedFd();
-            zelcam_fdsan_exchange_tag(fd.get(), 0, kOwnerTag, kType);
-            zelcam_fdsan_close_with_tag(fd.get(), kOtherTag, kType);
-        },
-        "^fdsan: attempted to close fd 900 with tag 0x100000000000def owned by "
-        "0x100000000000abc\n");
-    EXPECT_DEATH(
-        {
-            UniqueFd fd = fixedFd();
-            zelcam_fdsan_exchange_tag(fd.get(), 0, kOwnerTag, kType);
-            zelcam_fdsan_close_with_tag(fd.get(), 0, kType);
-        },
-        "^fdsan: attempted to close fd 900 with tag 0x0 owned by 0x100000000000abc\n");
-    EXPECT_DEATH(
-        {
-            UniqueFd fd = fixedFd();
-            zelcam_fdsan_exchange_tag(fd.get(), 0, kOwnerTag, kType);
-            zelcam_fdsan_close_with_tag(fd.release(), kOwnerTag, kType);
-            zelcam_fdsan_close_with_tag(kFixedFd, kOwnerTag, kType);
-        },
-        "^fdsan: attempted to close fd 900 with tag 0x100000000000abc owned by 0x0\n");
-    EXPECT_DEATH(
-        {
-            UniqueFd fd = fixedFd();
-            zelcam_fdsan_exchange_tag(fd.get(), 0, kOwnerTag, kType);
-            zelcam_fdsan_exchange_tag(fd.get(), kOtherTag, 0, kType);
-        },
-        "^fdsan: attempted to exchange tag of fd 900 from 0x100000000000def to 0x0 but it is "
-        "owned by 0x100000000000abc\n");
-}
-
-TEST_F(FdsanTest, OffReactionStillClosesAndRefusesTheExchange) {
-    tavrel::host::setFdsanReaction(FdsanReaction::kOff);
-    UniqueFd fd(eventfd(0, EFD_CLOEXEC));
-    zelcam_fdsan_exchange_tag(fd.get(), 0, kOwnerTag, kType);
-    EXPECT_EQ(zelcam_fdsan_exchange_tag(fd.get(), kOtherTag, 0, kType), -1);
-    EXPECT_EQ(fdsanGetTag(fd.get()), kOwnerTag);
-    const int number = fd.release();
-    EXPECT_EQ(zelcam_fdsan_close_with_tag(number, kOtherTag, kType), 0);
-    EXPECT_FALSE(isOpen(number));
-    EXPECT_EQ(fdsanGetTag(number), 0u);
-}
-
-// Android log lines of the warn_once case.
-struct LoggedLine {
-    int priority;
-    std::string tag;
-    std::string text;
-    bool operator==(const LoggedLine& other) const {
-        return priority == other.priority && tag == other.tag && text == other.text;
+    const std::pair<void (*)(int), const char*> cases[] = {
+        {[](int fd) { zelcam_fdsan_close_with_tag(fd, kOtherTag, kType); },
+         "^fdsan: attempted to close fd 900 with tag 0x100000000000def owned by "
+         "0x100000000000abc\n"},
+        {[](int fd) { zelcam_fdsan_close_with_tag(fd, 0, kType); },
+         "^fdsan: attempted to close fd 900 with tag 0x0 owned by 0x100000000000abc\n"},
+        {[](int fd) {
+             zelcam_fdsan_close_with_tag(fd, kOwnerTag, kType);
+             zelcam_fdsan_close_with_tag(fd, kOwnerTag, kType);
+         },
+         "^fdsan: attempted to close fd 900 with tag 0x100000000000abc owned by 0x0\n"},
+        {[](int fd) { zelcam_fdsan_exchange_tag(fd, kOtherTag, 0, kType); },
+         "^fdsan: attempted to exchange tag of fd 900 from 0x100000000000def to 0x0 but it is "
+         "owned by 0x100000000000abc\n"},
+    };
+    for (const auto& [misuse, report] : cases) {
+        EXPECT_DEATH(
+            {
+                UniqueFd fd = fixedFd();
+                zelcam_fdsan_exchange_tag(fd.get(), 0, kOwnerTag, kType);
+                misuse(fd.release());
+            },
+            report);
     }
-};
-std::vector<LoggedLine> gLogged;
+}
+
+// Android log lines of the warn_once case, as "priority|tag|text".
+std::vector<std::string> gLogged;
 
 void captureLog(const __android_logger_data* data, const char* message) {
-    gLogged.push_back({data->priority, data->tag, message});
+    gLogged.push_back(std::to_string(data->priority) + "|" + data->tag + "|" + message);
 }
 
+// The first error warns and turns the checks off; from then on errors are silent, closes
+// still close and an exchange from the wrong owner is refused.
 TEST_F(FdsanTest, WarnOnceWarnsForTheFirstErrorOnlyThenTurnsChecksOff) {
     tavrel::host::setFdsanReaction(FdsanReaction::kWarnOnce);
     gLogged.clear();
@@ -135,17 +107,22 @@ TEST_F(FdsanTest, WarnOnceWarnsForTheFirstErrorOnlyThenTurnsChecksOff) {
     zelcam_fdsan_exchange_tag(first.get(), 0, kOwnerTag, kType);
     zelcam_fdsan_exchange_tag(second.get(), 0, kOwnerTag, kType);
     const int firstNumber = first.release();
-    const int secondNumber = second.release();
     EXPECT_EQ(zelcam_fdsan_close_with_tag(firstNumber, kOtherTag, kType), 0);
+    EXPECT_EQ(zelcam_fdsan_exchange_tag(second.get(), kOtherTag, 0, kType), -1);
+    EXPECT_EQ(fdsanGetTag(second.get()), kOwnerTag);
+    const int secondNumber = second.release();
     EXPECT_EQ(zelcam_fdsan_close_with_tag(secondNumber, 0, kType), 0);
     __android_log_set_logger(__android_log_stderr_logger);
 
-    const std::string expected = "fdsan: attempted to close fd " + std::to_string(firstNumber) +
-                                 " with tag 0x100000000000def owned by 0x100000000000abc";
-    EXPECT_EQ(gLogged, (std::vector<LoggedLine>{{ANDROID_LOG_WARN, "fdsan", expected}}));
+    EXPECT_EQ(gLogged, (std::vector<std::string>{
+                           std::to_string(ANDROID_LOG_WARN) +
+                           "|fdsan|fdsan: attempted to close fd " + std::to_string(firstNumber) +
+                           " with tag 0x100000000000def owned by 0x100000000000abc"}));
     EXPECT_EQ(tavrel::host::fdsanReaction(), FdsanReaction::kOff);
-    EXPECT_FALSE(isOpen(firstNumber));
-    EXPECT_FALSE(isOpen(secondNumber));
+    for (const int number : {firstNumber, secondNumber}) {
+        EXPECT_FALSE(isOpen(number));
+        EXPECT_EQ(fdsanGetTag(number), 0u);
+    }
 }
 
 // Descriptors at the top of the hard limit, made usable by raising the soft limit after the
