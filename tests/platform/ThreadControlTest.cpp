@@ -9,16 +9,18 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 
 #include "ChildProcess.h"
 #include "tavrel/platform/Properties.h"
 #include "tavrel/platform/ThreadControl.h"
 
+namespace tavrel::test {
 namespace {
 
 using NSCam::Thread::getThisThread;
 using NSCam::Thread::setThreadPriority;
-using tavrel::test::readFile;
 
 constexpr const char* kAffinityKey = "tavrel.host.perfctrl.affinity";
 
@@ -28,52 +30,37 @@ void onFreshThread(Body body) {
     std::thread(body).join();
 }
 
-struct Scheduling {
-    int policy;
-    int nice;
-    bool operator==(const Scheduling& other) const {
-        return policy == other.policy && nice == other.nice;
-    }
-};
+// A thread's scheduling class and nice value.
+using Scheduling = std::pair<int, int>;
 
 Scheduling schedulingOf(int tid) {
     errno = 0;
     return {sched_getscheduler(tid), getpriority(PRIO_PROCESS, tid)};
 }
 
-TEST(ThreadControlTest, ThisThreadIsTheKernelThreadId) {
-    EXPECT_EQ(getThisThread(), gettid());
-    int other = 0;
-    onFreshThread([&] { other = getThisThread(); });
-    EXPECT_NE(other, getThisThread());
-    EXPECT_GT(other, 0);
-}
-
-TEST(ThreadControlTest, NormalPoliciesSetClassAndNiceValue) {
-    Scheduling monitorDefault{};
-    Scheduling batch{};
-    int results[2] = {-1, -1};
+// Each request in turn on one thread, and its scheduling after it: the normal policies set
+// the class and the nice value, numbers outside the mapping are refused and change nothing.
+TEST(ThreadControlTest, NormalPoliciesSetClassAndNiceValueAndOtherNumbersAreRefused) {
+    struct Request {
+        int priority;
+        int policy;
+        int result;
+        Scheduling after;
+    };
+    const Request requests[] = {
+        {6, 1, 0, {SCHED_OTHER, 6}},         {9, 0, 0, {SCHED_BATCH, 9}},
+        {0, 4, -EINVAL, {SCHED_BATCH, 9}},   {20, 1, -EINVAL, {SCHED_BATCH, 9}},
+        {-21, 0, -EINVAL, {SCHED_BATCH, 9}}, {0, 2, -EINVAL, {SCHED_BATCH, 9}},
+        {100, 3, -EINVAL, {SCHED_BATCH, 9}},
+    };
     onFreshThread([&] {
-        results[0] = setThreadPriority(getThisThread(), 6, 1);
-        monitorDefault = schedulingOf(getThisThread());
-        results[1] = setThreadPriority(getThisThread(), 9, 0);
-        batch = schedulingOf(getThisThread());
-    });
-    EXPECT_EQ(results[0], 0);
-    EXPECT_EQ(monitorDefault, (Scheduling{SCHED_OTHER, 6}));
-    EXPECT_EQ(results[1], 0);
-    EXPECT_EQ(batch, (Scheduling{SCHED_BATCH, 9}));
-}
-
-TEST(ThreadControlTest, NumbersOutsideTheMappingAreRefused) {
-    onFreshThread([] {
-        const Scheduling before = schedulingOf(getThisThread());
-        EXPECT_EQ(setThreadPriority(getThisThread(), 0, 4), -EINVAL);
-        EXPECT_EQ(setThreadPriority(getThisThread(), 20, 1), -EINVAL);
-        EXPECT_EQ(setThreadPriority(getThisThread(), -21, 0), -EINVAL);
-        EXPECT_EQ(setThreadPriority(getThisThread(), 0, 2), -EINVAL);
-        EXPECT_EQ(setThreadPriority(getThisThread(), 100, 3), -EINVAL);
-        EXPECT_EQ(schedulingOf(getThisThread()), before);
+        // The thread is named by its kernel id, not the process's or the library's own.
+        ASSERT_EQ(getThisThread(), gettid());
+        for (const Request& r : requests) {
+            SCOPED_TRACE(std::to_string(r.priority) + "/" + std::to_string(r.policy));
+            EXPECT_EQ(setThreadPriority(getThisThread(), r.priority, r.policy), r.result);
+            EXPECT_EQ(schedulingOf(getThisThread()), r.after);
+        }
     });
 }
 
@@ -101,13 +88,13 @@ void tryWithoutPrivilege() {
     const int lowerNice = setThreadPriority(tid, 0, 1);
     const Scheduling after = schedulingOf(tid);
     printf("fifo=%d rr=%d nice=%d policy=%d/%d nice=%d/%d\n", fifo, roundRobin, lowerNice,
-           before.policy, after.policy, before.nice, after.nice);
+           before.first, after.first, before.second, after.second);
 }
-const tavrel::test::ChildMode kWithoutPrivilege("thread-without-privilege", tryWithoutPrivilege);
+const ChildMode kWithoutPrivilege("thread-without-privilege", tryWithoutPrivilege);
 
 TEST(ThreadControlTest, RefusedRequestReturnsErrorAndChangesNothing) {
-    tavrel::test::TempDir dir;
-    const auto child = tavrel::test::runChild("thread-without-privilege", {}, dir);
+    TempDir dir;
+    const auto child = runChild("thread-without-privilege", {}, dir);
     ASSERT_EQ(child.status, 0) << child.err;
     EXPECT_EQ(child.out, "fifo=-1 rr=-1 nice=-1 policy=0/0 nice=5/5\n");
 }
@@ -117,33 +104,31 @@ std::string commOf(int tid) {
 }
 
 TEST(ThreadControlTest, ReadyToRunNamesTheThreadWithinTheKernelsLimit) {
-    std::string longName;
-    std::string shortName;
-    onFreshThread([&] {
+    onFreshThread([] {
         const std::string name = "P2DrvEP-camera-timer-monitor";
         customizeThreadReadyToRun(name.data(), name.size());
-        longName = commOf(getThisThread());
+        EXPECT_EQ(commOf(getThisThread()), "P2DrvEP-camera-\n");
         const char unterminated[] = {'P', '2', 'D', 'r', 'v', 'X', 'Y', 'Z'};
         customizeThreadReadyToRun(unterminated, 5);
-        shortName = commOf(getThisThread());
+        EXPECT_EQ(commOf(getThisThread()), "P2Drv\n");
     });
-    EXPECT_EQ(longName, "P2DrvEP-camera-\n");
-    EXPECT_EQ(shortName, "P2Drv\n");
 }
 
 // Runs zelcam_perfctrl_set_affinity() on a fresh thread with the property set to `list`
 // (null: unset) and returns its result and the thread's affinity afterwards.
 int applyAffinity(const char* list, cpu_set_t* after) {
-    tavrel::host::property_set(kAffinityKey, list);
+    host::property_set(kAffinityKey, list);
     int result = 1;
     onFreshThread([&] {
         result = zelcam_perfctrl_set_affinity();
         sched_getaffinity(0, sizeof(*after), after);
     });
-    tavrel::host::property_set(kAffinityKey, nullptr);
+    host::property_set(kAffinityKey, nullptr);
     return result;
 }
 
+// A list naming CPUs binds the thread to those it may use, an unset one leaves it as it was,
+// and a malformed one is refused and changes nothing.
 TEST(ThreadControlTest, AffinityComesFromTheCpuListProperty) {
     cpu_set_t allowed;
     ASSERT_EQ(sched_getaffinity(0, sizeof(allowed), &allowed), 0);
@@ -152,25 +137,20 @@ TEST(ThreadControlTest, AffinityComesFromTheCpuListProperty) {
     cpu_set_t only;
     CPU_ZERO(&only);
     CPU_SET(first, &only);
-
-    cpu_set_t after;
-    EXPECT_EQ(applyAffinity(std::to_string(first).c_str(), &after), 0);
-    EXPECT_TRUE(CPU_EQUAL(&after, &only));
-    const std::string range = std::to_string(first) + "-" + std::to_string(first) + ",1023";
-    EXPECT_EQ(applyAffinity(range.c_str(), &after), 0);
-    EXPECT_TRUE(CPU_EQUAL(&after, &only));
-    EXPECT_EQ(applyAffinity(nullptr, &after), 0);
-    EXPECT_TRUE(CPU_EQUAL(&after, &allowed));
-}
-
-TEST(ThreadControlTest, BadCpuListIsRefusedAndChangesNothing) {
-    cpu_set_t allowed;
-    ASSERT_EQ(sched_getaffinity(0, sizeof(allowed), &allowed), 0);
-    for (const char* list : {"1-0", "0,", ",0", "x", " 0", "0-", "0;1", "1024", "-1"}) {
+    const std::string one = std::to_string(first);
+    const std::string range = one + "-" + one + ",1023";
+    const std::tuple<const char*, int, const cpu_set_t*> cases[] = {
+        {one.c_str(), 0, &only},    {range.c_str(), 0, &only},   {nullptr, 0, &allowed},
+        {"1-0", -EINVAL, &allowed}, {"0,", -EINVAL, &allowed},   {",0", -EINVAL, &allowed},
+        {"x", -EINVAL, &allowed},   {" 0", -EINVAL, &allowed},   {"0-", -EINVAL, &allowed},
+        {"0;1", -EINVAL, &allowed}, {"1024", -EINVAL, &allowed}, {"-1", -EINVAL, &allowed}};
+    for (const auto& [list, result, expected] : cases) {
+        SCOPED_TRACE(list != nullptr ? list : "unset");
         cpu_set_t after;
-        EXPECT_EQ(applyAffinity(list, &after), -EINVAL) << list;
-        EXPECT_TRUE(CPU_EQUAL(&after, &allowed)) << list;
+        EXPECT_EQ(applyAffinity(list, &after), result);
+        EXPECT_TRUE(CPU_EQUAL(&after, expected));
     }
 }
 
 }  // namespace
+}  // namespace tavrel::test
