@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <regex>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -11,11 +11,9 @@
 #include "tavrel/platform/Trace.h"
 #include "utils/log/TraceSection.h"
 
+namespace tavrel::test {
 namespace {
 
-using tavrel::test::readFile;
-using tavrel::test::splitLines;
-using tavrel::test::TempDir;
 namespace Trace = NSCam::NSTavrel::Trace;
 
 constexpr uint64_t kCameraTag = 0x400;
@@ -27,13 +25,13 @@ protected:
     void SetUp() override {
         mSavedBits = get_tavrel_enabled_tracebits();
         mSavedTags = atrace_get_enabled_tags();
-        tavrel::host::setTraceSink(&TraceTest::collect, this);
+        host::setTraceSink(&TraceTest::collect, this);
     }
     void TearDown() override {
-        tavrel::host::setTraceSink(nullptr, nullptr);
-        tavrel::host::setTraceFile(nullptr);
-        tavrel::host::setTavrelTraceBits(mSavedBits);
-        tavrel::host::setAtraceEnabledTags(mSavedTags);
+        host::setTraceSink(nullptr, nullptr);
+        host::setTraceFile(nullptr);
+        host::setTavrelTraceBits(mSavedBits);
+        host::setAtraceEnabledTags(mSavedTags);
     }
     static void collect(void* cookie, const char* marker) {
         static_cast<TraceTest*>(cookie)->mMarkers.push_back(marker);
@@ -45,66 +43,59 @@ protected:
     uint64_t mSavedTags = 0;            // atrace tags to put back
 };
 
-// The body of a trace file line, after the task, tid, cpu, flags and timestamp columns.
-std::string markerOf(const std::string& line) {
-    static const std::regex kLine(R"(^ *(.{1,15})-(\d+) +\[\d{3}\] \.\.\.\.\. \d+\.\d{6}: )"
-                                  R"(tracing_mark_write: (.*)$)");
-    std::smatch match;
-    if (!std::regex_match(line, match, kLine)) return "unparsed: " + line;
-    return match[3];
+// The markers of a trace file, each as "<tid> <marker>" from a line in ftrace's text format
+// (task, tid, cpu, flags and timestamp columns first), or what is wrong with the file.
+std::vector<std::string> markersIn(const std::string& path) {
+    const std::vector<std::string> lines = splitLines(readFile(path));
+    if (lines.size() < kHeaderLines || lines[0] != "# tracer: nop" ||
+        lines[kHeaderLines - 2] != "#           TASK-PID     CPU#  |||||  TIMESTAMP  FUNCTION") {
+        return {"no ftrace header"};
+    }
+    std::vector<std::string> markers;
+    for (size_t i = kHeaderLines; i < lines.size(); ++i) {
+        const std::vector<std::string> match =
+            matchWhole(lines[i],
+                       " *.{1,15}-([0-9]+) +\\[[0-9]{3}] \\.{5} [0-9]+\\.[0-9]{6}: "
+                       "tracing_mark_write: (.*)");
+        markers.push_back(match.empty() ? "unparsed: " + lines[i] : match[1] + " " + match[2]);
+    }
+    return markers;
 }
 
-TEST_F(TraceTest, SectionIsWrittenOnlyWhenCategoryAndTagAreOn) {
-    tavrel::host::setAtraceEnabledTags(kCameraTag);
-    tavrel::host::setTavrelTraceBits(Trace::kFileCalls);
+// Markers pass the gates only with both the category and the camera tag on, and reach the
+// sink and, as one ftrace line each, the trace file until it is dropped.
+TEST_F(TraceTest, MarkersReachTheSinkAndTheTraceFileAsFtraceLines) {
+    TempDir dir;
+    const std::string path = dir.path() + "/trace.txt";
+    ASSERT_TRUE(host::setTraceFile(path.c_str()));
+    host::setAtraceEnabledTags(kCameraTag);
+    host::setTavrelTraceBits(Trace::kFileCalls);
     { Trace::Section section(Trace::kFileCalls, "Read"); }
     { Trace::Section section(Trace::kEventCalls, "EPollWait"); }
-    tavrel::host::setAtraceEnabledTags(0);
+    host::setAtraceEnabledTags(0);
     { Trace::Section section(Trace::kFileCalls, "Write"); }
-    EXPECT_EQ(mMarkers, (std::vector<std::string>{"B|" + pid() + "|Read", "E|" + pid()}));
-}
-
-TEST_F(TraceTest, EveryMarkerKindHasItsText) {
     atrace_int_body("observers", 3);
     atrace_async_begin_body("fd:7", 7);
     atrace_async_end_body("fd:7", -7);
-    atrace_begin_body("NOTIFY_READY fd:7");
-    atrace_end_body();
-    const std::string p = pid();
-    EXPECT_EQ(mMarkers, (std::vector<std::string>{"C|" + p + "|observers|3", "S|" + p + "|fd:7|7",
-                                                  "F|" + p + "|fd:7|-7",
-                                                  "B|" + p + "|NOTIFY_READY fd:7", "E|" + p}));
-}
-
-TEST_F(TraceTest, TraceFileHoldsHeaderAndOneFtraceLinePerMarker) {
-    TempDir dir;
-    const std::string path = dir.path() + "/trace.txt";
-    ASSERT_TRUE(tavrel::host::setTraceFile(path.c_str()));
-    EXPECT_STREQ(tavrel::host::traceFilePath(), path.c_str());
-    atrace_begin_body("handleEvents");
-    atrace_int_body("observers", 2);
-    atrace_end_body();
-    tavrel::host::setTraceFile(nullptr);
-    EXPECT_EQ(tavrel::host::traceFilePath(), nullptr);
+    host::setTraceFile(nullptr);
     atrace_begin_body("after the file was dropped");
 
-    const std::vector<std::string> lines = splitLines(readFile(path));
-    ASSERT_EQ(lines.size(), kHeaderLines + 3);
-    EXPECT_EQ(lines[0], "# tracer: nop");
-    EXPECT_EQ(lines[kHeaderLines - 2], "#           TASK-PID     CPU#  |||||  TIMESTAMP  FUNCTION");
     const std::string p = pid();
-    EXPECT_EQ(markerOf(lines[kHeaderLines]), "B|" + p + "|handleEvents");
-    EXPECT_EQ(markerOf(lines[kHeaderLines + 1]), "C|" + p + "|observers|2");
-    EXPECT_EQ(markerOf(lines[kHeaderLines + 2]), "E|" + p);
-    const std::string taskAndTid = std::to_string(gettid());
-    EXPECT_NE(lines[kHeaderLines].find("-" + taskAndTid + " "), std::string::npos);
+    std::vector<std::string> expected = {"B|" + p + "|Read", "E|" + p, "C|" + p + "|observers|3",
+                                         "S|" + p + "|fd:7|7", "F|" + p + "|fd:7|-7"};
+    std::vector<std::string> inFile;
+    for (const std::string& marker : expected)
+        inFile.push_back(std::to_string(gettid()) + " " + marker);
+    EXPECT_EQ(markersIn(path), inFile);
+    expected.push_back("B|" + p + "|after the file was dropped");
+    EXPECT_EQ(mMarkers, expected);
 }
 
 TEST_F(TraceTest, LinesOfConcurrentThreadsStayWhole) {
     TempDir dir;
     const std::string path = dir.path() + "/trace.txt";
-    ASSERT_TRUE(tavrel::host::setTraceFile(path.c_str()));
-    tavrel::host::setTraceSink(nullptr, nullptr);
+    ASSERT_TRUE(host::setTraceFile(path.c_str()));
+    host::setTraceSink(nullptr, nullptr);
     constexpr int kThreads = 4;
     constexpr int kMarkersPerThread = 200;
     std::vector<std::thread> threads;
@@ -114,12 +105,14 @@ TEST_F(TraceTest, LinesOfConcurrentThreadsStayWhole) {
         });
     }
     for (std::thread& thread : threads) thread.join();
-    const std::vector<std::string> lines = splitLines(readFile(path));
-    ASSERT_EQ(lines.size(), kHeaderLines + kThreads * kMarkersPerThread);
-    const std::regex kCounter("C\\|" + pid() + "\\|busy\\|\\d+");
-    for (size_t i = kHeaderLines; i < lines.size(); ++i) {
-        EXPECT_TRUE(std::regex_match(markerOf(lines[i]), kCounter)) << lines[i];
+    // Each thread's counters follow one another in its own lines, whatever came between.
+    std::map<std::string, int> next;  // the next counter value of each tid
+    for (const std::string& marker : markersIn(path)) {
+        const std::string tid = marker.substr(0, marker.find(' '));
+        EXPECT_EQ(marker, tid + " C|" + pid() + "|busy|" + std::to_string(next[tid]++));
     }
+    EXPECT_EQ(next.size(), static_cast<size_t>(kThreads));
+    for (const auto& [tid, count] : next) EXPECT_EQ(count, kMarkersPerThread) << tid;
 }
 
 // Child mode: reports the masks and the trace file taken from the properties at load, and
@@ -128,38 +121,31 @@ void reportLoadedSettings() {
     printf("bits=0x%llx tags=0x%llx file=%s\n",
            static_cast<unsigned long long>(get_tavrel_enabled_tracebits()),
            static_cast<unsigned long long>(atrace_get_enabled_tags()),
-           tavrel::host::traceFilePath() == nullptr ? "none" : tavrel::host::traceFilePath());
+           host::traceFilePath() == nullptr ? "none" : host::traceFilePath());
     atrace_begin_body("fromProperties");
 }
-const tavrel::test::ChildMode kLoadedSettings("trace-loaded-settings", reportLoadedSettings);
+const ChildMode kLoadedSettings("trace-loaded-settings", reportLoadedSettings);
 
-TEST(TraceSettingsTest, MasksAndFileComeFromPropertiesAtLoad) {
+TEST(TraceSettingsTest, MasksAndFileComeFromPropertiesAtLoadAndMalformedOnesLeaveTracingOff) {
     TempDir dir;
     const std::string trace = dir.path() + "/child-trace.txt";
-    const std::string props = dir.write("props",
-                                        "tavrel.host.trace.bits=0x3000000011\n"
-                                        "tavrel.host.trace.tags=1024\n"
-                                        "tavrel.host.trace.kernel_marker=false\n"
-                                        "tavrel.host.trace.file=" +
-                                            trace + "\n");
-    const auto child =
-        tavrel::test::runChild("trace-loaded-settings", {"TAVREL_PROPERTIES=" + props}, dir);
-    ASSERT_EQ(child.status, 0) << child.err;
-    EXPECT_EQ(child.out, "bits=0x3000000011 tags=0x400 file=" + trace + "\n");
-    const std::vector<std::string> lines = splitLines(readFile(trace));
-    ASSERT_EQ(lines.size(), kHeaderLines + 1);
-    EXPECT_EQ(markerOf(lines[kHeaderLines]), "B|" + std::to_string(child.pid) + "|fromProperties");
-}
+    const ChildResult set = runWithProperties("trace-loaded-settings",
+                                              "tavrel.host.trace.bits=0x3000000011\n"
+                                              "tavrel.host.trace.tags=1024\n"
+                                              "tavrel.host.trace.kernel_marker=false\n"
+                                              "tavrel.host.trace.file=" +
+                                                  trace + "\n",
+                                              dir);
+    ASSERT_EQ(set.status, 0) << set.err;
+    EXPECT_EQ(set.out, "bits=0x3000000011 tags=0x400 file=" + trace + "\n");
+    const std::string id = std::to_string(set.pid);
+    EXPECT_EQ(markersIn(trace), std::vector<std::string>{id + " B|" + id + "|fromProperties"});
 
-TEST(TraceSettingsTest, MalformedOrMissingSettingsLeaveTracingOff) {
-    TempDir dir;
-    const std::string props = dir.write("props",
-                                        "tavrel.host.trace.bits=0x\n"
-                                        "tavrel.host.trace.tags=12junk\n");
-    const auto child =
-        tavrel::test::runChild("trace-loaded-settings", {"TAVREL_PROPERTIES=" + props}, dir);
-    ASSERT_EQ(child.status, 0) << child.err;
-    EXPECT_EQ(child.out, "bits=0x0 tags=0x0 file=none\n");
+    const ChildResult malformed = runWithProperties(
+        "trace-loaded-settings", "tavrel.host.trace.bits=0x\ntavrel.host.trace.tags=12junk\n", dir);
+    ASSERT_EQ(malformed.status, 0) << malformed.err;
+    EXPECT_EQ(malformed.out, "bits=0x0 tags=0x0 file=none\n");
 }
 
 }  // namespace
+}  // namespace tavrel::test
