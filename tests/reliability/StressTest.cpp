@@ -194,15 +194,12 @@ private:
         auto relay = std::make_shared<DrainObserver>(relayFd, DrainObserver::Kind::kEventFd);
         auto child = std::make_shared<DrainObserver>(childFd.get(), DrainObserver::Kind::kEventFd);
         DrainObserver* childView = child.get();
-        child->setHook([this, childView](IEventObserver::OnEvent const& event) {
-            event.monitor->detach(childView);
-            mTotals.detaches.fetch_add(1);
-            childView->tally().detached.store(true);
+        child->setHook([this, childView](IEventObserver::OnEvent const&) {
+            detach(childView, childView->tally());
         });
         const int childNumber = childFd.get();
-        relay->setHook([this, childView, childNumber](IEventObserver::OnEvent const& event) {
-            event.monitor->attach(childView, EPOLLIN);
-            mTotals.attaches.fetch_add(1);
+        relay->setHook([this, childView, childNumber](IEventObserver::OnEvent const&) {
+            attach(childView, EPOLLIN);
             if (!produce(childNumber, DrainObserver::Kind::kEventFd, 1))
                 mTotals.failures.fetch_add(1);
         });
