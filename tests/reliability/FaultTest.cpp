@@ -270,11 +270,19 @@ LimitReport exhaustWhileRunning() {
     DrainObserver observer(fd.get(), DrainObserver::Kind::kEventFd);
     monitor->attach(&observer, EPOLLIN);
 
-    // UndefinedBehaviorSanitizer checks the logger's dynamic type by probing memory through
-    // a pipe, which cannot be opened at the limit; one error line logged beforehand puts
-    // the type in its cache.
+    // UndefinedBehaviorSanitizer checks a dynamic type it has not seen by probing memory
+    // through a pipe, which cannot be opened at the limit. So every type the limit phase
+    // uses is seen first: the logger's through one error line, and the loop's and the
+    // observer's through one unit served. Regression: the loop thread, not yet started when
+    // the limit came, had its first readyToRun reported as a call on an invalid object.
     char byte = 0;
     System::Read(-1, &byte, sizeof(byte));
+    if (!produce(fd.get(), DrainObserver::Kind::kEventFd, 1) ||
+        !waitUntil([&] { return observer.tally().consumed.load() == 1; })) {
+        report.setup = 2;
+        return report;
+    }
+    const uint64_t servedBefore = observer.tally().consumed.load();
 
     rlimit saved{};
     getrlimit(RLIMIT_NOFILE, &saved);
@@ -303,9 +311,10 @@ LimitReport exhaustWhileRunning() {
 
     for (int i = 0; i < kObserversPerRound; ++i) {
         if (produce(fd.get(), DrainObserver::Kind::kEventFd, 1)) ++report.produced;
-        waitUntil([&] { return observer.tally().consumed.load() >= report.produced; });
+        waitUntil(
+            [&] { return observer.tally().consumed.load() >= servedBefore + report.produced; });
     }
-    report.dispatched = observer.tally().consumed.load();
+    report.dispatched = observer.tally().consumed.load() - servedBefore;
 
     for (int descriptor : made)
         report.closeFailures += System::Close(descriptor, owner) != 0 ? 1 : 0;
