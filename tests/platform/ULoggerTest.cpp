@@ -52,6 +52,16 @@ void logFromThreads() {
 }
 const ChildMode kLogMode("ulog-write", logFromThreads);
 
+// Runs the "ulog-write" child with the logger's four switches set as given.
+ChildResult runLogChild(const std::string& mode, const std::string& level, const std::string& mask,
+                        const std::string& file, const TempDir& dir) {
+    return runWithProperties(
+        "ulog-write",
+        "tavrel.host.ulog.mode=" + mode + "\ntavrel.host.ulog.details_level=" + level +
+            "\ntavrel.host.ulog.details_mask=" + mask + "\ntavrel.host.ulog.file=" + file + "\n",
+        dir);
+}
+
 // The lines of the "ulog-write" child `pid`, each under its timestamp: its level lines, then
 // every writer's lines whole, each from a thread other than the main one.
 void expectWrittenLines(const std::vector<std::string>& lines, pid_t pid) {
@@ -81,13 +91,7 @@ void expectWrittenLines(const std::vector<std::string>& lines, pid_t pid) {
 TEST(ULoggerTest, PropertiesSetSwitchesAndFileAndLinesNeverInterleave) {
     TempDir dir;
     const std::string log = dir.path() + "/ulog.txt";
-    const ChildResult child = runWithProperties("ulog-write",
-                                                "tavrel.host.ulog.mode=0xA\n"
-                                                "tavrel.host.ulog.details_level=5\n"
-                                                "tavrel.host.ulog.details_mask=0x88002000\n"
-                                                "tavrel.host.ulog.file=" +
-                                                    log + "\n",
-                                                dir);
+    const ChildResult child = runLogChild("0xA", "5", "0x88002000", log, dir);
     ASSERT_EQ(0, child.status) << child.err;
     EXPECT_EQ("mode=10 level=5 mask=0x88002000\n", child.out);
     EXPECT_EQ("", child.err);
@@ -97,13 +101,7 @@ TEST(ULoggerTest, PropertiesSetSwitchesAndFileAndLinesNeverInterleave) {
 TEST(ULoggerTest, BadSwitchValuesGiveDefaultsAndUnopenableFileFallsBackToStderr) {
     TempDir dir;
     const std::string log = dir.path() + "/missing/ulog.txt";
-    const ChildResult child = runWithProperties("ulog-write",
-                                                "tavrel.host.ulog.mode=junk\n"
-                                                "tavrel.host.ulog.details_level=-1\n"
-                                                "tavrel.host.ulog.details_mask=0x100000000\n"
-                                                "tavrel.host.ulog.file=" +
-                                                    log + "\n",
-                                                dir);
+    const ChildResult child = runLogChild("junk", "-1", "0x100000000", log, dir);
     ASSERT_EQ(0, child.status) << child.err;
     EXPECT_EQ("mode=2 level=2 mask=0x0\n", child.out);
     const std::vector<std::string> lines = splitLines(child.err);
