@@ -249,9 +249,11 @@ EventObserver::EventObserver(Hook h)
 
 void EventObserver::onEvent(const OnEvent& event) {
     uint64_t value = 0;
-    while (::read(mFd.get(), &value, sizeof(value)) == sizeof(value)) units += value;
-    ++calls;
+    uint64_t read = 0;
+    while (::read(mFd.get(), &value, sizeof(value)) == sizeof(value)) read += value;
     if (hook) hook(event);
+    units += read;
+    ++calls;
 }
 
 void EventObserver::signal() const {

@@ -159,21 +159,22 @@ struct RunningMonitor {
     host::ThreadDriver driver;
 };
 
-// An observer of a descriptor it does not own: counts each event, then runs the hook.
+// An observer of a descriptor it does not own: runs the hook on each event, then counts it
+// (a test that waits for the count may then let the observer go).
 struct FdObserver : IEventObserver {
     explicit FdObserver(int number, std::function<void(const OnEvent&)> onEach = {})
         : fd(number), hook(std::move(onEach)) {}
     int getEventFD() const override { return fd; }
     void onEvent(const OnEvent& event) override {
-        ++calls;
         if (hook) hook(event);
+        ++calls;
     }
     int fd;
     std::function<void(const OnEvent&)> hook;  // runs on the monitor thread
     std::atomic<int> calls{0};
 };
 
-// An eventfd observer: each event reads the eventfd dry, counts, then runs the hook.
+// An eventfd observer: each event reads the eventfd dry, runs the hook, then counts.
 class EventObserver : public IEventObserver {
 public:
     using Hook = std::function<void(const OnEvent&)>;

@@ -82,8 +82,8 @@ TEST(MonitorLoop, SignalsAtTheLoopThreadInterruptItsWaitsSilently) {
     ::sigaction(SIGUSR1, &action, &previous);  // without SA_RESTART
     const LogCapture capture({3, 2});
     {
-        RunningMonitor running;
         EventObserver observer;
+        RunningMonitor running;
         running.monitor->attach(&observer, EPOLLIN);
         for (int i = 0; i < 50; ++i) {
             pthread_kill(running.driver.nativeHandle(), SIGUSR1);
@@ -195,17 +195,23 @@ TEST(MonitorStress, EveryUnitIsConsumedAndEveryRegistrationUndone) {
     std::atomic<uint64_t> written{0}, consumed{0}, operations{0};
     std::atomic<int> relayed{0}, lost{0};
     {
-        const RunningMonitor running;
+        std::shared_ptr<IEpollMonitor> monitor;  // for the relay, which lives longer than the loop
         EventObserver helper, relay([&](const OnEvent&) {
-            running.monitor->attach(&helper, EPOLLIN);
-            running.monitor->detach(&helper);
+            monitor->attach(&helper, EPOLLIN);
+            monitor->detach(&helper);
             ++relayed;
         });
+        const RunningMonitor running;
+        monitor = running.monitor;
         running.monitor->attach(&relay, EPOLLIN);
         std::vector<std::thread> threads;
         for (int t = 0; t < 4; ++t) {
             threads.emplace_back([&, t] {
                 const timespec past{0, 1}, once{};
+                // Once a signal to this thread's own barrier has been dispatched, every batch
+                // that could still hold its detached observers has ended.
+                EventObserver barrier;
+                running.monitor->attach(&barrier, EPOLLIN);
                 while (std::chrono::steady_clock::now() < end) {
                     EventObserver observer;
                     std::atomic<int> fired{0};
@@ -221,14 +227,19 @@ TEST(MonitorStress, EveryUnitIsConsumedAndEveryRegistrationUndone) {
                     lost += !waitUntil([&] { return observer.units == 3 && fired == 1; });
                     running.monitor->detach(&observer);
                     running.monitor->detach(timer.get());
+                    const int passed = barrier.calls;
+                    barrier.signal();
+                    lost += !waitUntil([&] { return barrier.calls > passed; });
                     consumed += observer.units;
                     operations += 2;
                 }
+                running.monitor->detach(&barrier);
+                operations += 1;
             });
         }
         for (std::thread& thread : threads) thread.join();
         running.monitor->detach(&relay);
-        const uint64_t calls = operations + uint64_t(relayed) + 1;
+        const uint64_t calls = operations + uint64_t(relayed) + 1;  // and the relay's
         EXPECT_EQ(
             dumpOf(*running.monitor).at(1).find(format("{ #attach=%lu #detach=%lu", calls, calls)),
             4u);

@@ -122,9 +122,9 @@ TEST(TimerRearm, OnlyAnArmedPeriodicTimerThatReadsZeroIsFiredAtOnce) {
 }
 
 TEST(Timer, ACallbackMayRestartStopOrDropItsOwnTimer) {
-    const RunningMonitor running;
     std::shared_ptr<Timer> once, restarted, stopped, dropped;
     std::atomic<int> calls{0};
+    const RunningMonitor running;  // stopped before the timers go
     once = makeTimer("once", [&] { ++calls; });
     restarted = makeTimer("restart", [&] {
         const timespec later = in(10s);
@@ -162,9 +162,9 @@ TEST(TimerLoad, EveryPeriodicTimerKeepsFiringAndNoDisarmedOneRevives) {
     const char* soak = std::getenv("TAVREL_SOAK_SECONDS");
     const auto duration =
         soak != nullptr ? std::chrono::milliseconds(std::stol(soak) * 1000) : 250ms;
-    const RunningMonitor running;
     std::vector<std::shared_ptr<Timer>> timers;
     std::vector<std::atomic<uint64_t>> fired(24);
+    const RunningMonitor running;  // stopped before the timers go
     const timespec period{0, 200'000};
     for (size_t i = 0; i < fired.size(); ++i) {
         timers.push_back(makeTimer("load", [&fired, i] { ++fired[i]; }));

@@ -106,10 +106,11 @@ TEST(DriverCall, RoutineAnswersPassSilentlyAndAnAllocatedRequestIsTagged) {
                   System::AddIova(n, kIova, &arg) + System::DelIova(n, kIova, &arg) +
                   System::Ioctl(n, 1, &arg, System::kIoctlCheckResult),
               5);
-    sAnswer = {n, 0, 0, {}, request.get()};
+    sAnswer = {n, 0};
     EXPECT_EQ(System::QueueMediaRequest(n) + System::QueueVideoNodeBuf(n, &buffer) +
                   System::DQueueVideoNodeBuf(n, &buffer),
               0);
+    sAnswer = {n, 0, 0, {}, request.get()};
     EXPECT_EQ(System::AllocMediaRequest(n, kOwner), request.get());
     EXPECT_EQ(host::fdsanGetTag(request.get()), zelcam_fdsan_create_tag(kOwner, 1));
     EXPECT_EQ(System::Close(const_cast<UniqueFd&>(request).release(), kOwner), 0);
