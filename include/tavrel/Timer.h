@@ -16,7 +16,9 @@
 namespace NSCam::NSTavrel {
 
 // Usage: create under a std::shared_ptr, attach to a monitor with getEventType(), arm
-// with startTimerAbsoluteTime(); detach it before dropping the last reference.
+// with startTimerAbsoluteTime(); detach it before dropping the last reference, and when
+// detaching from another thread than the monitor's, keep it alive as long as
+// IEpollMonitor::detach() says.
 class Timer : public IEventObserver, public std::enable_shared_from_this<Timer> {
 public:
     // Any thread. `name` may be null; `clockid` is a timerfd clock (CLOCK_MONOTONIC,
