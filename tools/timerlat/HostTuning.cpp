@@ -51,7 +51,8 @@ DmaLatencyHold::~DmaLatencyHold() {
 }
 
 void requestAffinity(const std::string& cpus) {
-    tavrel::host::property_set(kAffinityKey, cpus.empty() ? nullptr : cpus.c_str());
+    // Without -a, a CPU list from the properties file stays in force.
+    if (!cpus.empty()) tavrel::host::property_set(kAffinityKey, cpus.c_str());
 }
 
 std::string tryThreadSettings(const Options& options) {

@@ -31,7 +31,7 @@ private:
 };
 
 // Makes the monitor thread's readyToRun pin it to `cpus` (through the affinity property
-// the platform's zelcam_perfctrl_set_affinity reads); empty: leaves it unpinned.
+// the platform's zelcam_perfctrl_set_affinity reads); empty: leaves the property alone.
 void requestAffinity(const std::string& cpus);
 
 // Tries the scheduling and CPU list the options ask for on a throwaway thread, through the
