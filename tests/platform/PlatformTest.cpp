@@ -28,31 +28,18 @@ using testing::MatchesRegex;
 namespace Properties = NSCam::Utils::Properties;
 
 TEST(Properties, IntegersAndBooleansParseTheWayAndroidsReadersDo) {
-    const struct {
-        const char* raw;
-        int32_t asInt;
-        int asBool;
-    } rows[] = {{"42", 42, -1},
-                {"-42", -42, -1},
-                {"0x1f", 31, -1},
-                {"0X1F", 31, -1},
-                {"2147483647", 2147483647, -1},
-                {"2147483648", -7, -1},
-                {"-2147483649", -7, -1},
-                {"12a", -7, -1},
-                {"", -7, -1},
-                {"1", 1, 1},
-                {"0", 0, 0},
-                {"yes", -7, 1},
-                {"on", -7, 1},
-                {"true", -7, 1},
-                {"off", -7, 0},
-                {"n", -7, 0},
-                {"TRUE", -7, -1}};
-    for (const auto& row : rows) {
-        const ScopedProperty property("test.value", row.raw);
-        EXPECT_EQ(Properties::property_get_int32("test.value", -7), row.asInt) << row.raw;
-        EXPECT_EQ(Properties::property_get_bool("test.value", -1), row.asBool) << row.raw;
+    // Each value, then what property_get_int32 and property_get_bool give with defaults -7, -1.
+    // clang-format off
+    const char* rows[][2] = {{"42", "42 -1"}, {"-0x1F", "-31 -1"}, {"2147483647", "2147483647 -1"},
+        {"2147483648", "-7 -1"}, {"-2147483649", "-7 -1"}, {"12a", "-7 -1"}, {"", "-7 -1"},
+        {"1", "1 1"}, {"0", "0 0"}, {"yes", "-7 1"}, {"off", "-7 0"}, {"TRUE", "-7 -1"}};
+    // clang-format on
+    for (const auto& [raw, parsed] : rows) {
+        const ScopedProperty property("test.value", raw);
+        EXPECT_EQ(format("%d %d", Properties::property_get_int32("test.value", -7),
+                         Properties::property_get_bool("test.value", -1)),
+                  parsed)
+            << raw;
     }
     char text[4] = "old";
     EXPECT_FALSE(host::property_get("test.value", text, sizeof(text)));

@@ -25,18 +25,16 @@ void writeEachLevel() {
 }
 
 TEST(LogStatement, EachRouteHasItsSwitchAndEachLevelItsDetailsGate) {
+    // clang-format off
     const struct {
         LogSwitches switches;
         const char *debug, *unified;  // the levels that reached each route
-    } rows[] = {
-        {{3, 5, kMask}, "EWIV", "EWIV"}, {{0, 5, kMask}, "", ""},
-        {{1, 5, kMask, false}, "", ""},  {{1, 5, kMask}, "EWIV", ""},
-        {{2, 5, kMask}, "", "EWIV"},     {{8, 5, kMask}, "", "EWIV"},
-        {{3, 4, kMask}, "EWI", "EWI"},   {{3, 3, kMask}, "EWI", "EWI"},
-        {{3, 2, kMask}, "EW", "EW"},     {{3, 1, kMask}, "E", "E"},
-        {{3, 0, kMask}, "E", "E"},       {{3, 5, 0x08000000}, "EWI", "EWI"},
-        {{3, 5, 0x2000}, "EWI", "EWI"},  {{3, 5, ~0u}, "EWIV", "EWIV"},
-    };
+    } rows[] = {{{3, 5, kMask}, "EWIV", "EWIV"}, {{0, 5, kMask}, "", ""}, {{1, 5, kMask, false}, "", ""},
+        {{1, 5, kMask}, "EWIV", ""}, {{2, 5, kMask}, "", "EWIV"}, {{8, 5, kMask}, "", "EWIV"},
+        {{3, 4, kMask}, "EWI", "EWI"}, {{3, 3, kMask}, "EWI", "EWI"}, {{3, 2, kMask}, "EW", "EW"},
+        {{3, 1, kMask}, "E", "E"}, {{3, 0, kMask}, "E", "E"}, {{3, 5, 0x08000000}, "EWI", "EWI"},
+        {{3, 5, 0x2000}, "EWI", "EWI"}, {{3, 5, ~0u}, "EWIV", "EWIV"}};
+    // clang-format on
     for (const auto& row : rows) {
         const LogCapture capture(row.switches);
         writeEachLevel();
@@ -46,17 +44,6 @@ TEST(LogStatement, EachRouteHasItsSwitchAndEachLevelItsDetailsGate) {
         EXPECT_EQ(debug + "/" + unified, std::string(row.debug) + "/" + row.unified)
             << row.switches.mode << " " << row.switches.details << " " << row.switches.mask;
     }
-}
-
-TEST(LogStatement, LevelsModuleAndTheErrorLongForm) {
-    const LogCapture capture;
-    writeEachLevel();
-    const std::string head = " tavrel-test [tavrel-test] LogTest:N writeEachLevel() [f] ";
-    EXPECT_EQ(capture.debug(), (Lines{"1" + head + "E1 (writeEachLevel){#N:tests/sys/LogTest}",
-                                      "2" + head + "W2", "3" + head + "I3", "0" + head + "V4"}));
-    EXPECT_EQ(capture.unified(),
-              (Lines{"1 tavrel-test 0x8002001 6 [f] E1", "2 tavrel-test 0x8002001 6 [f] W2",
-                     "3 tavrel-test 0x8002001 6 [f] I3", "5 tavrel-test 0x8002001 6 [f] V4"}));
 }
 
 TEST(LogStatement, LongEmptyAndUnformattableMessages) {
@@ -131,18 +118,16 @@ Lines printed(LogSwitches switches, uint32_t level, const char* tag,
 }
 
 TEST(ULogPrinter, LevelAndModuleGatesThenEachRouteBySwitch) {
+    // clang-format off
     const struct {
         LogSwitches switches;
         uint32_t level;
         bool android, unified;
-    } rows[] = {
-        {{3, 0, 0}, 1, false, false},      {{3, 1, 0}, 1, true, true},
-        {{1, 5, 0}, 1, true, false},       {{2, 5, 0}, 1, false, true},
-        {{8, 5, 0}, 1, false, true},       {{3, 4, kMask}, 5, false, false},
-        {{3, 5, 0}, 5, false, false},      {{3, 5, 0x08000000}, 5, false, false},
-        {{3, 5, 0x2000}, 5, false, false}, {{3, 5, kMask}, 5, true, true},
-        {{3, 4, 0}, 4, true, true},
-    };
+    } rows[] = {{{3, 0, 0}, 1, false, false}, {{3, 1, 0}, 1, true, true}, {{1, 5, 0}, 1, true, false},
+        {{2, 5, 0}, 1, false, true}, {{8, 5, 0}, 1, false, true}, {{3, 4, kMask}, 5, false, false},
+        {{3, 5, 0}, 5, false, false}, {{3, 5, 0x08000000}, 5, false, false},
+        {{3, 5, 0x2000}, 5, false, false}, {{3, 5, kMask}, 5, true, true}, {{3, 4, 0}, 4, true, true}};
+    // clang-format on
     for (const auto& row : rows) {
         Lines expected;
         if (row.android) expected = {"W tavrel-p: pre:a", "W tavrel-p: pre:b2"};

@@ -125,8 +125,8 @@ __attribute__((format(printf, 1, 2))) inline void checkFormat(const char*, ...) 
 // spans lines __LINE__ is the first line to GCC and the last to Clang, so every statement
 // macro is object-like: it fixes the line where its name stands, then takes its arguments
 // through a function-like macro of its own.
-#define TAVREL_AT_THIS_LINE                     \
-    switch (const int tavrelLine = __LINE__; 0) \
+#define TAVREL_AT_THIS_LINE                              \
+    switch (const int tavrelLine = __LINE__; tavrelLine) \
     default:
 
 // `function` names the statement's function where __func__ would not (inside a lambda
