@@ -233,32 +233,22 @@ Lines dumpOf(const IEpollMonitor& monitor) {
     return printer.lines;
 }
 
-ScopedProperty::ScopedProperty(const char* key, const char* value) : mKey(key) {
-    host::property_set(key, value);
-}
-
-ScopedProperty::~ScopedProperty() {
-    host::property_set(mKey, nullptr);
-}
-
 RunningMonitor::RunningMonitor(const char* name)
     : monitor(IEpollMonitor::make(name)), driver(std::dynamic_pointer_cast<IThreadLoop>(monitor)) {}
 
-EventObserver::EventObserver(Hook h)
-    : hook(std::move(h)), mFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), mNumber(mFd.get()) {}
+EventObserver::EventObserver(std::function<void(const OnEvent&)> onEach)
+    : FdObserver(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), std::move(onEach)), owned(fd) {}
 
 void EventObserver::onEvent(const OnEvent& event) {
-    uint64_t value = 0;
-    uint64_t read = 0;
-    while (::read(mFd.get(), &value, sizeof(value)) == sizeof(value)) read += value;
-    if (hook) hook(event);
+    uint64_t value = 0, read = 0;
+    while (::read(owned.get(), &value, sizeof(value)) == sizeof(value)) read += value;
     units += read;
-    ++calls;
+    FdObserver::onEvent(event);
 }
 
 void EventObserver::signal() const {
     const uint64_t one = 1;
-    if (::write(mFd.get(), &one, sizeof(one)) != sizeof(one)) ADD_FAILURE() << "signal";
+    if (::write(owned.get(), &one, sizeof(one)) != sizeof(one)) ADD_FAILURE() << "signal";
 }
 
 }  // namespace tavrel::test

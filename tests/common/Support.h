@@ -15,6 +15,7 @@
 #include "tavrel/IEpollMonitor.h"
 #include "tavrel/IThreadLoop.h"
 #include "tavrel/platform/DebugPrint.h"
+#include "tavrel/platform/Properties.h"
 #include "tavrel/platform/ThreadDriver.h"
 #include "tavrel/platform/ULogger.h"
 #include "tavrel/platform/UniqueFd.h"
@@ -143,13 +144,12 @@ public:
 Lines dumpOf(const IEpollMonitor& monitor);
 
 // Sets (or with null unsets) a property for the object's life.
-class ScopedProperty {
-public:
-    ScopedProperty(const char* key, const char* value);
-    ~ScopedProperty();
-
-private:
-    const char* mKey;
+struct ScopedProperty {
+    ScopedProperty(const char* key, const char* value) : key(key) {
+        host::property_set(key, value);
+    }
+    ~ScopedProperty() { host::property_set(key, nullptr); }
+    const char* key;
 };
 
 // A monitor run by a thread of its own until the object goes.
@@ -169,29 +169,20 @@ struct FdObserver : IEventObserver {
         if (hook) hook(event);
         ++calls;
     }
-    int fd;
+    int fd;                                    // also once closed, for an EventObserver
     std::function<void(const OnEvent&)> hook;  // runs on the monitor thread
     std::atomic<int> calls{0};
 };
 
-// An eventfd observer: each event reads the eventfd dry, runs the hook, then counts.
-class EventObserver : public IEventObserver {
-public:
-    using Hook = std::function<void(const OnEvent&)>;
-    explicit EventObserver(Hook hook = {});
-    int getEventFD() const override { return mNumber; }
+// An observer of an eventfd of its own, which each event reads dry before the hook runs.
+struct EventObserver : FdObserver {
+    explicit EventObserver(std::function<void(const OnEvent&)> onEach = {});
     void onEvent(const OnEvent& event) override;
     void signal() const;
     // Closes the eventfd, as an owner that forgets to detach first; the number stays.
-    void closeFd() { mFd.reset(); }
-
-    Hook hook;                       // runs on the monitor thread
-    std::atomic<int> calls{0};       // events dispatched
+    void closeFd() { owned.reset(); }
+    host::UniqueFd owned;            // the eventfd
     std::atomic<uint64_t> units{0};  // counts read
-
-private:
-    host::UniqueFd mFd;  // the eventfd
-    int mNumber;         // its number, also once closed
 };
 
 }  // namespace tavrel::test

@@ -75,28 +75,6 @@ TEST(DetachInBatch, AStaleEntryReachesNeitherItsObserverNorTheNextOwnerOfItsNumb
     loop.monitor->detach(c.get());
 }
 
-TEST(MonitorLoop, SignalsAtTheLoopThreadInterruptItsWaitsSilently) {
-    struct sigaction action {
-    }, previous{};
-    action.sa_handler = [](int) {};
-    ::sigaction(SIGUSR1, &action, &previous);  // without SA_RESTART
-    const LogCapture capture({3, 2});
-    {
-        EventObserver observer;
-        RunningMonitor running;
-        running.monitor->attach(&observer, EPOLLIN);
-        for (int i = 0; i < 50; ++i) {
-            pthread_kill(running.driver.nativeHandle(), SIGUSR1);
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-        }
-        observer.signal();
-        EXPECT_TRUE(waitUntil([&] { return observer.calls == 1; }));
-        running.monitor->detach(&observer);
-    }
-    ::sigaction(SIGUSR1, &previous, nullptr);
-    EXPECT_EQ(capture.texts(), Lines{});
-}
-
 // The kernel's epoll set as "(fd, mask, data)" entries, from the epoll descriptor's fdinfo.
 std::set<std::string> kernelSet(int epollFd) {
     std::ifstream info(format("/proc/self/fdinfo/%d", epollFd));
@@ -175,10 +153,15 @@ size_t openDescriptors() {
 }
 
 // Threads attach, signal, modify and detach eventfds and timers on one running monitor
-// while a relay attaches and detaches from inside onEvent on the monitor thread. Runs
-// half a second, or TAVREL_SOAK_SECONDS (scripts/soak.sh).
-TEST(MonitorStress, EveryUnitIsConsumedAndEveryRegistrationUndone) {
+// while a relay attaches and detaches from inside onEvent on the monitor thread, and
+// signals interrupt its waits. Runs half a second, or TAVREL_SOAK_SECONDS (scripts/soak.sh).
+TEST(MonitorStress, EveryUnitIsConsumedEveryRegistrationUndoneAndNothingLogged) {
     const size_t before = openDescriptors();
+    struct sigaction action {
+    }, previous{};
+    action.sa_handler = [](int) {};
+    ::sigaction(SIGUSR1, &action, &previous);  // without SA_RESTART: waits end with EINTR
+    const LogCapture capture({3, 2});
     const char* soak = std::getenv("TAVREL_SOAK_SECONDS");
     const auto end = std::chrono::steady_clock::now() +
                      std::chrono::milliseconds(soak != nullptr ? std::stol(soak) * 1000 : 500);
@@ -191,7 +174,7 @@ TEST(MonitorStress, EveryUnitIsConsumedAndEveryRegistrationUndone) {
             monitor->detach(&helper);
             ++relayed;
         });
-        const RunningMonitor running;
+        RunningMonitor running;
         monitor = running.monitor;
         running.monitor->attach(&relay, EPOLLIN);
         std::vector<std::thread> threads;
@@ -214,6 +197,7 @@ TEST(MonitorStress, EveryUnitIsConsumedAndEveryRegistrationUndone) {
                     written += 3;
                     running.monitor->modify(&observer, EPOLLIN);
                     if (t == 0) relay.signal();
+                    if (t == 1) pthread_kill(running.driver.nativeHandle(), SIGUSR1);
                     lost += !waitUntil([&] { return observer.units == 3 && fired == 1; });
                     running.monitor->detach(&observer);
                     running.monitor->detach(timer.get());
@@ -236,6 +220,8 @@ TEST(MonitorStress, EveryUnitIsConsumedAndEveryRegistrationUndone) {
     }
     std::printf("[ figures ] stress operations=%lu units=%lu relayed=%d\n", operations.load(),
                 written.load(), relayed.load());
+    ::sigaction(SIGUSR1, &previous, nullptr);
+    EXPECT_EQ(capture.texts(), Lines{});
     EXPECT_EQ(lost, 0);
     EXPECT_EQ(consumed, written);
     EXPECT_GT(relayed, 0);

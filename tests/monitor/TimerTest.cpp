@@ -99,25 +99,24 @@ TEST(Timer, ReArmingKeepsWhatRemainsAndClearsTheExpirations) {
 }
 
 TEST(TimerRearm, OnlyAnArmedPeriodicTimerThatReadsZeroIsFiredAtOnce) {
-    const itimerspec due{{0, 100}, {}}, dueSeconds{{1, 0}, {}}, running{{0, 100}, {2, 0}},
-        soon{{1, 0}, {0, 5}}, expired{};
+    // clang-format off
+    const itimerspec due{{0, 100}, {}}, dueSeconds{{1, 0}, {}}, running{{0, 100}, {2, 0}}, soon{{1, 0}, {0, 5}},
+        expired{}, atOnce{{0, 100}, {0, 1}}, atOnceSeconds{{1, 0}, {0, 1}};
     const struct {
         itimerspec read;
         bool readOk, armed;
         itimerspec set;
-    } rows[] = {{due, true, true, {{0, 100}, {0, 1}}},
-                {dueSeconds, true, true, {{1, 0}, {0, 1}}},
-                {due, true, false, due},
-                {running, true, true, running},
-                {soon, true, true, soon},
-                {expired, true, true, expired},
-                {running, false, true, expired}};
+    } rows[] = {{due, true, true, atOnce}, {dueSeconds, true, true, atOnceSeconds}, {due, true, false, due},
+        {running, true, true, running}, {soon, true, true, soon}, {expired, true, true, expired},
+        {running, false, true, expired}};
+    // clang-format on
+    const auto text = [](const itimerspec& t) {
+        return format("%ld.%ld %ld.%ld", t.it_interval.tv_sec, t.it_interval.tv_nsec,
+                      t.it_value.tv_sec, t.it_value.tv_nsec);
+    };
     for (const auto& row : rows) {
-        const itimerspec set = NSCam::NSTavrel::rearmSetting(row.read, row.readOk, row.armed);
-        EXPECT_EQ(format("%ld.%ld %ld.%ld", set.it_interval.tv_sec, set.it_interval.tv_nsec,
-                         set.it_value.tv_sec, set.it_value.tv_nsec),
-                  format("%ld.%ld %ld.%ld", row.set.it_interval.tv_sec, row.set.it_interval.tv_nsec,
-                         row.set.it_value.tv_sec, row.set.it_value.tv_nsec));
+        EXPECT_EQ(text(NSCam::NSTavrel::rearmSetting(row.read, row.readOk, row.armed)),
+                  text(row.set));
     }
 }
 
