@@ -9,11 +9,11 @@
 #include <cstdarg>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <sstream>
 #include <thread>
 
-#include "common/ChildCommand.h"
 #include "tavrel/platform/Properties.h"
 #include "tavrel/platform/Trace.h"
 
@@ -169,6 +169,20 @@ TempDir::~TempDir() {
 std::string TempDir::write(const std::string& name, const std::string& content) const {
     std::ofstream(mPath + "/" + name) << content;
     return mPath + "/" + name;
+}
+
+Lines commandFor(const std::string& program, const Lines& arguments) {
+    const char* emulator = std::getenv("TAVREL_TEST_EMULATOR");
+    std::istringstream words(emulator != nullptr ? emulator : "");
+    Lines command{std::istream_iterator<std::string>(words), {}};
+    command.push_back(program);
+    return command + arguments;
+}
+
+std::string selfExecutable() {
+    char path[4096];
+    const ssize_t length = ::readlink("/proc/self/exe", path, sizeof(path));
+    return length > 0 ? std::string(path, size_t(length)) : "";
 }
 
 Outcome run(const Lines& command, const Lines& env) {

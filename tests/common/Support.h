@@ -122,6 +122,15 @@ struct Outcome {
     std::string out;  // stdout and stderr together
 };
 
+// The command line that runs `program` with `arguments`: in a cross build the emulator's
+// words come first (CTest passes them in TAVREL_TEST_EMULATOR, apart by spaces), since the
+// host runs an Arm program only through it.
+Lines commandFor(const std::string& program, const Lines& arguments = {});
+
+// This program's path, read through readlink(): valgrind and qemu answer it with the
+// program they run, where executing /proc/self/exe would start them instead.
+std::string selfExecutable();
+
 // Runs `command` (through the emulator of a cross build) with `env` added to its
 // environment.
 Outcome run(const Lines& command, const Lines& env = {});

@@ -346,12 +346,14 @@ TEST(MonitorDeathTest, BrokenLoopsAndDescriptorsThatCannotBeMadeEndTheProcess) {
     ::close(0);
     auto monitor = IEpollMonitor::make("zero");
     const bool epollIsZero = descriptorsOf(*monitor).first == 0;
-    monitor.reset();
+    const TraceCapture trace(uint64_t{1} << 1);
+    monitor.reset();  // takes the eventfd off the epoll instance before closing both
+    const bool removed = trace.markers() == Lines{"B|EPollCtlDel", "E"};
     const bool closed = ::fcntl(0, F_GETFD) == -1;
     auto timer = std::make_shared<Timer>("zero", CLOCK_MONOTONIC, [] {});
     const bool timerIsZero = timer->getEventFD() == 0;
     timer.reset();
-    _exit(epollIsZero && closed && timerIsZero && ::fcntl(0, F_GETFD) == -1 ? 0 : 1);
+    _exit(epollIsZero && removed && closed && timerIsZero && ::fcntl(0, F_GETFD) == -1 ? 0 : 1);
 }
 
 TEST(MonitorDeathTest, DescriptorZeroIsNoError) {

@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "Report.h"
-#include "common/ChildCommand.h"
+#include "common/Support.h"
 #include "tavrel/platform/ThreadControl.h"
 
 namespace tavrel::timerlat {

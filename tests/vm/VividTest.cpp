@@ -23,59 +23,50 @@ using host::UniqueFd;
 
 constexpr unsigned long kOwner = 0x76766964;
 constexpr unsigned kWidth = 320, kHeight = 180, kFrameBytes = kWidth * kHeight * 2;
+constexpr int kCapture = V4L2_BUF_TYPE_VIDEO_CAPTURE;
 
-int raw(int fd, unsigned long request, void* arg) {
-    int result;
-    while ((result = ::ioctl(fd, request, arg)) < 0 && errno == EINTR) {
-    }
-    return result < 0 ? -errno : result;
-}
-
-v4l2_buffer buffer(unsigned index, int requestFd = -1) {
+v4l2_buffer buffer(unsigned index, int requestFd = 0) {
     v4l2_buffer b{};
-    b.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    b.type = kCapture;
     b.memory = V4L2_MEMORY_MMAP;
     b.index = index;
-    if (requestFd >= 0) {
-        b.flags = V4L2_BUF_FLAG_REQUEST_FD;
-        b.request_fd = requestFd;
-    }
+    b.flags = requestFd > 0 ? V4L2_BUF_FLAG_REQUEST_FD : 0;
+    b.request_fd = requestFd;
     return b;
 }
 
 class Vivid : public testing::Test {
 protected:
     void SetUp() override {
+        v4l2_capability caps{};
         for (int i = 0; i < 16 && !capture.ok(); ++i) {
             UniqueFd fd(::open(format("/dev/video%d", i).c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
-            v4l2_capability caps{};
-            if (!fd.ok() || raw(fd.get(), VIDIOC_QUERYCAP, &caps) != 0) continue;
-            const bool vivid =
-                std::strcmp(reinterpret_cast<const char*>(caps.driver), "vivid") == 0;
-            if (vivid && (caps.device_caps & V4L2_CAP_VIDEO_CAPTURE) != 0) capture = std::move(fd);
+            if (fd.ok() && ::ioctl(fd.get(), VIDIOC_QUERYCAP, &caps) == 0 &&
+                std::strcmp(reinterpret_cast<const char*>(caps.driver), "vivid") == 0 &&
+                (caps.device_caps & V4L2_CAP_VIDEO_CAPTURE) != 0) {
+                capture = std::move(fd);
+            }
         }
-        ASSERT_TRUE(capture.ok()) << "no vivid capture node";
         media = UniqueFd(::open("/dev/media0", O_RDWR | O_CLOEXEC));
-        ASSERT_TRUE(media.ok());
+        ASSERT_TRUE(capture.ok() && media.ok()) << "no vivid capture node or media controller";
         v4l2_format format{};
-        format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        format.type = kCapture;
         format.fmt.pix.width = kWidth;
         format.fmt.pix.height = kHeight;
         format.fmt.pix.pixelformat = V4L2_PIX_FMT_YUYV;
-        ASSERT_EQ(raw(capture.get(), VIDIOC_S_FMT, &format), 0);
+        ASSERT_EQ(::ioctl(capture.get(), VIDIOC_S_FMT, &format), 0);
         ASSERT_EQ(format.fmt.pix.sizeimage, kFrameBytes);
     }
 
+    // A capture node that is not streaming reports an error to epoll: stream at once.
     void start(unsigned buffers) {
         v4l2_requestbuffers request{};
         request.count = buffers;
-        request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        request.type = kCapture;
         request.memory = V4L2_MEMORY_MMAP;
-        ASSERT_EQ(raw(capture.get(), VIDIOC_REQBUFS, &request), 0);
+        ASSERT_EQ(::ioctl(capture.get(), VIDIOC_REQBUFS, &request), 0);
         ASSERT_EQ(request.count, buffers);
-        // A capture node that is not streaming reports an error to epoll.
-        int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        ASSERT_EQ(raw(capture.get(), VIDIOC_STREAMON, &type), 0);
+        ASSERT_EQ(::ioctl(capture.get(), VIDIOC_STREAMON, &kCapture), 0);
     }
 
     UniqueFd capture, media;
@@ -107,11 +98,11 @@ TEST_F(Vivid, FramesAreCapturedOnAMonitorThroughTheWrappers) {
 
 TEST_F(Vivid, ADequeueWithNothingFinishedReturnsEagainSilently) {
     start(2);
-    const LogCapture capture_;
+    const LogCapture logs;
     v4l2_buffer b = buffer(0);
     EXPECT_EQ(System::DQueueVideoNodeBuf(capture.get(), &b), -EAGAIN);
     EXPECT_EQ(System::QueueVideoNodeBuf(capture.get(), &b), 0);
-    EXPECT_EQ(capture_.texts(), Lines{});
+    EXPECT_EQ(logs.texts(), Lines{});
 }
 
 TEST_F(Vivid, MediaRequestsAreQueuedCompletedReinitialisedReusedAndClosed) {
@@ -134,9 +125,8 @@ TEST_F(Vivid, MediaRequestsAreQueuedCompletedReinitialisedReusedAndClosed) {
                 [&, i](const OnEvent& event) { event.monitor->detach(completions[i].get()); });
             running.monitor->attach(completions[i].get(), EPOLLPRI);
         }
-        for (unsigned i = 0; i < 2; ++i)
-            ASSERT_TRUE(waitUntil([&] { return completions[i]->calls == 1; }));
         for (unsigned i = 0; i < 2; ++i) {
+            ASSERT_TRUE(waitUntil([&] { return completions[i]->calls == 1; }));
             pollfd ready{capture.get(), POLLIN, 0};
             ASSERT_EQ(::poll(&ready, 1, 30000), 1);
             v4l2_buffer done = buffer(0);
@@ -153,13 +143,12 @@ TEST_F(Vivid, QueueingAnEmptyRequestIsReportedAndEndsTheServiceWith70) {
     const int request = System::AllocMediaRequest(media.get(), kOwner);
     EXPECT_EXIT(
         System::QueueMediaRequest(request), testing::ExitedWithCode(70),
-        entriesAre(
-            {format("E tavrel-syscall: [QueueMediaRequest] ioctl(%d, MEDIA_REQUEST_IOC_QUEUE): "
-                    "err=-2(%s)",
-                    request, strerror(ENOENT)),
-             format("F tavrel-crash: varnok: MEDIA_REQUEST_IOC_QUEUE err=-2(%s) Please check "
-                    "VarnokKernel.\nCRDISPATCH_KEY:VarnokKernel",
-                    strerror(ENOENT))}));
+        entriesAre({format("E tavrel-syscall: [QueueMediaRequest] ioctl(%d, "
+                           "MEDIA_REQUEST_IOC_QUEUE): err=-2(%s)",
+                           request, strerror(ENOENT)),
+                    format("F tavrel-crash: varnok: MEDIA_REQUEST_IOC_QUEUE err=-2(%s) Please "
+                           "check VarnokKernel.\nCRDISPATCH_KEY:VarnokKernel",
+                           strerror(ENOENT))}));
     EXPECT_EQ(System::Close(request, kOwner), 0);
 }
 
