@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -221,6 +222,14 @@ Outcome runWithProperties(const std::string& name, const std::string& properties
     const TempDir dir;
     return run({selfExecutable(), "--gtest_also_run_disabled_tests", "--gtest_filter=" + name},
                {std::string(host::kPropertiesFileEnv) + "=" + dir.write("props", properties)});
+}
+
+void limitDescriptors(int spare) {
+    ULogger::sULogger.load()->flush(0);
+    const int lowestFree = ::dup(0);
+    ::close(lowestFree);
+    const rlimit limit{rlim_t(lowestFree + spare), rlim_t(lowestFree + spare)};
+    ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 bool waitUntil(const std::function<bool()>& done) {

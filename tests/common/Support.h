@@ -139,6 +139,11 @@ Outcome run(const Lines& command, const Lines& env = {});
 // `properties`: for what the libraries fix when they load.
 Outcome runWithProperties(const std::string& name, const std::string& properties);
 
+// Leaves this process `spare` descriptor numbers more to make, all others taken. Makes a
+// virtual call on the unified logger first: UBSan checks an object's type the first time
+// through a pipe of its own, which it could not open afterwards.
+void limitDescriptors(int spare);
+
 // Polls `done` until it holds; false when a generous guard runs out first.
 bool waitUntil(const std::function<bool()>& done);
 

@@ -293,15 +293,6 @@ TEST(MonitorDeathTest, MisuseDumpsTheStateToTheErrorLogThenEnds) {
     ::close(file.fd);
 }
 
-// Every descriptor number below the lowest free one stays in use: the next one to be made
-// fails with EMFILE, or with `spare` 1, the one after.
-void limitDescriptors(int spare) {
-    const int lowestFree = ::dup(0);
-    ::close(lowestFree);
-    const rlimit limit{rlim_t(lowestFree + spare), rlim_t(lowestFree + spare)};
-    ::setrlimit(RLIMIT_NOFILE, &limit);
-}
-
 TEST(MonitorDeathTest, BrokenLoopsAndDescriptorsThatCannotBeMadeEndTheProcess) {
     const auto monitor = IEpollMonitor::make("b");
     const auto loop = std::dynamic_pointer_cast<IThreadLoop>(monitor);

@@ -153,10 +153,7 @@ TEST(SystemCall, AnInterruptedWaitReturnsSilently) {
 // Exits with what EventFD returned, negated, with every descriptor number in use.
 [[noreturn]] void eventFdAtTheLimit() {
     NSCam::Utils::ULog::ULogger::sDetailsLevel = 3;
-    const int lowestFree = ::dup(0);
-    ::close(lowestFree);
-    const rlimit limit{rlim_t(lowestFree), rlim_t(lowestFree)};
-    ::setrlimit(RLIMIT_NOFILE, &limit);
+    limitDescriptors(0);
     _exit(-System::EventFD(0, EFD_CLOEXEC, kOwner));
 }
 
