@@ -118,8 +118,8 @@ TEST(SystemCall, EachWrapperHasItsResultErrorLineAndTraceSection) {
     // Ioctl checks its result only with bit 0 of its flags set.
     EXPECT_CALL_GIVES("Ioctl", 2, System::Ioctl(-1, 0x5401, buffer, 1), -9,
                       "[Ioctl] ioctl(-1, 0x5401): -9(Bad file descriptor)");
-    EXPECT_CALL_GIVES("Ioctl", 2, System::Ioctl(-1, int(0xC058560F), buffer, 3), -9,
-                      "[Ioctl] ioctl(-1, 0xc058560f): -9(Bad file descriptor)");
+    EXPECT_CALL_GIVES("Ioctl", 2, System::Ioctl(-1, int(0xC0104D01), buffer, 3), -9,
+                      "[Ioctl] ioctl(-1, 0xc0104d01): -9(Bad file descriptor)");
     EXPECT_CALL_GIVES("Ioctl", 2, System::Ioctl(-1, 0x5401, buffer, 0), -1);
     EXPECT_CALL_GIVES("Ioctl", 2, System::Ioctl(-1, 0x5401, buffer, 2), -1);
 }

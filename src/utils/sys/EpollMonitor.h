@@ -130,8 +130,10 @@ private:
     std::atomic<bool> mActive{true};        // the loop runs while set; requestExit clears it
     // The thread running threadLoop: a detach made there must reach the current batch.
     std::atomic<std::thread::id> mLoopThread{};
-    struct epoll_event mEpollEvents[kMaxEpollEvents];  // one wait's results, monitor thread
-    mutable Mutex mFdObserverMapLock;                  // keeps the map and the epoll set in step
+    // One wait's results, monitor thread only; zeroed so that a detach on the monitor
+    // thread can scan all of it, results of earlier waits included.
+    struct epoll_event mEpollEvents[kMaxEpollEvents] = {};
+    mutable Mutex mFdObserverMapLock;  // keeps the map and the epoll set in step
     // Keys are never erased: a null value marks a descriptor that was detached.
     FdObserverMap mFdObserverMap TAVREL_GUARDED_BY(mFdObserverMapLock);
 };
