@@ -137,6 +137,7 @@ Lines logEntries(const std::string& text) {
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);) {
         std::smatch m;
+        if (line.rfind("qemu: uncaught target signal", 0) == 0) continue;  // the emulator's own
         if (std::regex_match(line, m, host)) {
             entries.push_back(m.str(1) + " " + m.str(2) + ": " + m.str(3));
             continues = false;

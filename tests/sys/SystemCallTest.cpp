@@ -56,15 +56,16 @@ TEST(SystemCall, EachWrapperHasItsResultErrorLineAndTraceSection) {
     while (::readdir(atEnd) != nullptr) {
     }
     ::close(::dirfd(broken));
-    char buffer[16];
+    char buffer[16] = {};
     itimerspec spec{};
     struct stat st {};
     const std::string badFd = "err=-9(Bad file descriptor)", noEntry = "No such file or directory";
     const std::string invalid = "err=-22(Invalid argument)";
-    EXPECT_CALL_GIVES("Read", 0, System::Read(-1, nullptr, 8), -9,
-                      "[Read] read(-1, (nil), 8) return -1: " + badFd);
-    EXPECT_CALL_GIVES("Write", 0, System::Write(-1, nullptr, 8), -9,
-                      "[Write] write(-1, (nil), 8) return -1: " + badFd);
+    const std::string at = format("%p", static_cast<void*>(buffer));
+    EXPECT_CALL_GIVES("Read", 0, System::Read(-1, buffer, 8), -9,
+                      "[Read] read(-1, " + at + ", 8) return -1: " + badFd);
+    EXPECT_CALL_GIVES("Write", 0, System::Write(-1, buffer, 8), -9,
+                      "[Write] write(-1, " + at + ", 8) return -1: " + badFd);
     EXPECT_CALL_GIVES("Open", 0, System::Open(m, O_RDONLY, kOwner), -2,
                       "[Stat] stat(" + missing + "): " + noEntry,
                       "[Open] Invalid device " + missing + ": " + noEntry);
@@ -118,8 +119,8 @@ TEST(SystemCall, EachWrapperHasItsResultErrorLineAndTraceSection) {
     // Ioctl checks its result only with bit 0 of its flags set.
     EXPECT_CALL_GIVES("Ioctl", 2, System::Ioctl(-1, 0x5401, buffer, 1), -9,
                       "[Ioctl] ioctl(-1, 0x5401): -9(Bad file descriptor)");
-    EXPECT_CALL_GIVES("Ioctl", 2, System::Ioctl(-1, int(0xC0104D01), buffer, 3), -9,
-                      "[Ioctl] ioctl(-1, 0xc0104d01): -9(Bad file descriptor)");
+    EXPECT_CALL_GIVES("Ioctl", 2, System::Ioctl(-1, int(0x80045430), buffer, 3), -9,
+                      "[Ioctl] ioctl(-1, 0x80045430): -9(Bad file descriptor)");
     EXPECT_CALL_GIVES("Ioctl", 2, System::Ioctl(-1, 0x5401, buffer, 0), -1);
     EXPECT_CALL_GIVES("Ioctl", 2, System::Ioctl(-1, 0x5401, buffer, 2), -1);
 }
