@@ -16,7 +16,7 @@
 #include "tavrel/IEventObserver.h"
 #include "tavrel/IPrinter.h"
 #include "tavrel/IThreadLoop.h"
-#include "tavrel/platform/ThreadDriver.h"
+#include "tavrel/ThreadDriver.h"
 #include "tavrel/platform/UniqueFd.h"
 
 namespace {

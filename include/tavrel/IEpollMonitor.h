@@ -5,12 +5,13 @@
 #include <memory>
 #include <string>
 
+#include "tavrel/Export.h"
 #include "tavrel/IEventObserver.h"
 #include "tavrel/IPrinter.h"
 
 namespace NSCam::NSTavrel {
 
-class IEpollMonitor {
+class TAVREL_SYS_API IEpollMonitor {
 public:
     virtual ~IEpollMonitor() {}
 

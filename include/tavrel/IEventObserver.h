@@ -3,11 +3,13 @@
 
 #include <cstdint>
 
+#include "tavrel/Export.h"
+
 namespace NSCam::NSTavrel {
 
 class IEpollMonitor;
 
-class IEventObserver {
+class TAVREL_SYS_API IEventObserver {
 public:
     // What the monitor hands to onEvent; lives for the duration of the call only.
     struct OnEvent {

@@ -1,9 +1,11 @@
 // A sink for state dumps: one call, one line.
 #pragma once
 
+#include "tavrel/Export.h"
+
 namespace NSCam {
 
-class IPrinter {
+class TAVREL_SYS_API IPrinter {
 public:
     // Prints `line` as one line.
     virtual void printLine(const char* line) = 0;

@@ -4,9 +4,11 @@
 #include <cstdint>
 #include <string>
 
+#include "tavrel/Export.h"
+
 namespace NSCam::NSTavrel {
 
-class IThreadLoop {
+class TAVREL_SYS_API IThreadLoop {
 public:
     // Given by the thread driver once, before the first threadLoop().
     struct ReadyToRun {

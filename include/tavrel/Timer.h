@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 
+#include "tavrel/Export.h"
 #include "tavrel/IEventObserver.h"
 #include "tavrel/IPrinter.h"
 
@@ -17,7 +18,7 @@ namespace NSCam::NSTavrel {
 
 // Usage: create under a std::shared_ptr, attach to a monitor with getEventType(), arm
 // with startTimerAbsoluteTime(); detach it before dropping the last reference.
-class Timer : public IEventObserver, public std::enable_shared_from_this<Timer> {
+class TAVREL_SYS_API Timer : public IEventObserver, public std::enable_shared_from_this<Timer> {
 public:
     // Any thread. `name` may be null; `clockid` is a timerfd clock (CLOCK_MONOTONIC,
     // CLOCK_BOOTTIME, ...); `notify` must not be empty. Starts disarmed. A timerfd that
@@ -58,10 +59,6 @@ public:
     void enableEdgeTrigger();
 
 private:
-    // shared_from_this() as the library would have it without exceptions: a Timer that
-    // no shared_ptr owns ends the process.
-    std::shared_ptr<Timer> strongSelf();
-
     int32_t mLogv;                         // verbose lines on, from a property at construction
     std::string mName;                     // "Timer-" + name, for logs and dumps
     int32_t mFd;                           // the timerfd; its owner tag is &mFd

@@ -17,7 +17,7 @@
 
 #include "common/LogCapture.h"
 #include "monitor/MonitorTestSupport.h"
-#include "tavrel/platform/ThreadDriver.h"
+#include "tavrel/ThreadDriver.h"
 #include "tavrel/platform/UniqueFd.h"
 
 namespace tavrel::test {

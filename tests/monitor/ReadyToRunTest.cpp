@@ -11,8 +11,8 @@
 #include <tuple>
 
 #include "monitor/MonitorTestSupport.h"
+#include "tavrel/ThreadDriver.h"
 #include "tavrel/platform/Properties.h"
-#include "tavrel/platform/ThreadDriver.h"
 
 namespace tavrel::test {
 namespace {

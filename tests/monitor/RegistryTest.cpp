@@ -10,8 +10,8 @@
 
 #include "common/LogCapture.h"
 #include "monitor/MonitorTestSupport.h"
+#include "tavrel/ThreadDriver.h"
 #include "tavrel/platform/Properties.h"
-#include "tavrel/platform/ThreadDriver.h"
 #include "tavrel/platform/Trace.h"
 
 namespace tavrel::test {

@@ -27,8 +27,8 @@
 #include "ReliabilitySupport.h"
 #include "common/LogCapture.h"
 #include "tavrel/SystemCall.h"
+#include "tavrel/ThreadDriver.h"
 #include "tavrel/Timer.h"
-#include "tavrel/platform/ThreadDriver.h"
 #include "tavrel/platform/UniqueFd.h"
 #include "timer/RunningMonitor.h"
 

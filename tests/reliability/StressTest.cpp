@@ -20,8 +20,8 @@
 
 #include "ReliabilitySupport.h"
 #include "tavrel/SystemCall.h"
+#include "tavrel/ThreadDriver.h"
 #include "tavrel/Timer.h"
-#include "tavrel/platform/ThreadDriver.h"
 #include "tavrel/platform/UniqueFd.h"
 #include "timer/RunningMonitor.h"
 

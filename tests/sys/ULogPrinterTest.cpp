@@ -8,7 +8,7 @@
 
 #include "StderrCapture.h"
 #include "common/LogCapture.h"
-#include "utils/log/ULogPrinter.h"
+#include "tavrel/ULogPrinter.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 
 #include "tavrel/IEpollMonitor.h"
 #include "tavrel/IThreadLoop.h"
-#include "tavrel/platform/ThreadDriver.h"
+#include "tavrel/ThreadDriver.h"
 
 namespace tavrel::test {
 

@@ -25,9 +25,9 @@
 #include "tavrel/IEventObserver.h"
 #include "tavrel/IThreadLoop.h"
 #include "tavrel/SystemCall.h"
+#include "tavrel/ThreadDriver.h"
 #include "tavrel/platform/CrashReporter.h"
 #include "tavrel/platform/Fdsan.h"
-#include "tavrel/platform/ThreadDriver.h"
 
 namespace tavrel::vmtest {
 namespace {
