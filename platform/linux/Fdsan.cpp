@@ -30,6 +30,8 @@
 #include <cstring>
 #include <new>
 
+#include "HostKeys.h"
+#include "PropertyReport.h"
 #include "tavrel/platform/Properties.h"
 
 namespace tavrel::host {
@@ -37,7 +39,6 @@ namespace tavrel::host {
 namespace {
 
 constexpr const char* kLogTag = "fdsan";
-constexpr const char* kReactionKey = "tavrel.host.fdsan";
 // Room for the longest reaction name and then some.
 constexpr unsigned long kReactionValueSize = 32;
 // Room for one error message.
@@ -84,12 +85,14 @@ Entry* entryOf(int fd, bool create) {
 FdsanReaction parseReaction(const char* value) {
     if (strcmp(value, "fatal") == 0) return FdsanReaction::kFatal;
     if (strcmp(value, "off") == 0) return FdsanReaction::kOff;
+    if (strcmp(value, "warn_once") != 0)
+        reportBadValue(kFdsanKey, value, "fatal, warn_once or off");
     return FdsanReaction::kWarnOnce;
 }
 
 FdsanReaction loadReaction() {
     char value[kReactionValueSize]{};
-    const FdsanReaction fromProperty = property_get(kReactionKey, value, sizeof(value))
+    const FdsanReaction fromProperty = property_get(kFdsanKey, value, sizeof(value))
                                            ? parseReaction(value)
                                            : FdsanReaction::kWarnOnce;
     int expected = kReactionUnread;

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "ChildProcess.h"
@@ -57,11 +58,13 @@ const ChildMode kAndroidMode("dbgprint-android", logToAndroid);
 // or the sink while one is installed; the property sets only every level's module mask.
 TEST(DebugPrintTest, LinesReachTheAndroidLogUnlessASinkIsInstalledAndModulesSetTheMasks) {
     const std::string defaultMask = "0x80000000000000";
-    const std::pair<const char*, std::string> cases[] = {
-        {"", defaultMask},
-        {"tavrel.host.dbgprint.modules=0x3\n", "0x3"},
-        {"tavrel.host.dbgprint.modules=lots\n", defaultMask}};
-    for (const auto& [properties, mask] : cases) {
+    const std::tuple<const char*, std::string, std::string> cases[] = {
+        {"", defaultMask, ""},
+        {"tavrel.host.dbgprint.modules=0x3\n", "0x3", ""},
+        {"tavrel.host.dbgprint.modules=lots\n", defaultMask,
+         "tavrel-properties: tavrel.host.dbgprint.modules=lots ignored (expected an unsigned "
+         "64-bit mask, decimal or 0x hex)"}};
+    for (const auto& [properties, mask, report] : cases) {
         TempDir dir;
         const ChildResult child = runWithProperties("dbgprint-android", properties, dir);
         ASSERT_EQ(0, child.status) << child.err;
@@ -69,6 +72,11 @@ TEST(DebugPrintTest, LinesReachTheAndroidLogUnlessASinkIsInstalledAndModulesSetT
         EXPECT_EQ(maskLine + maskLine + maskLine + maskLine + "sink tavrel-test 3 to the sink\n",
                   child.out);
         std::vector<std::string> logged = splitLines(child.err);
+        if (!report.empty()) {
+            ASSERT_FALSE(logged.empty());
+            EXPECT_EQ(report, logged.front());
+            logged.erase(logged.begin());
+        }
         for (std::string& line : logged) line = androidLogEntry(line, "tavrel-test", child.pid);
         EXPECT_EQ((std::vector<std::string>{"V verbose 0", "E error one", "W warning 2",
                                             "I info 3f", "I after the sink"}),

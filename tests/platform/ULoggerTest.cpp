@@ -105,10 +105,16 @@ TEST(ULoggerTest, BadSwitchValuesGiveDefaultsAndUnopenableFileFallsBackToStderr)
     ASSERT_EQ(0, child.status) << child.err;
     EXPECT_EQ("mode=2 level=2 mask=0x0\n", child.out);
     const std::vector<std::string> lines = splitLines(child.err);
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ("tavrel-ulog: cannot open " + log + ": No such file or directory; logging to stderr",
-              lines[0]);
-    expectWrittenLines({lines.begin() + 1, lines.end()}, child.pid);
+    ASSERT_GE(lines.size(), 4u);
+    const std::string key = "tavrel-properties: tavrel.host.ulog.";
+    const std::string expected = " ignored (expected an unsigned 32-bit number, decimal or 0x hex)";
+    EXPECT_EQ(
+        (std::vector<std::string>{
+            key + "mode=junk" + expected, key + "details_level=-1" + expected,
+            key + "details_mask=0x100000000" + expected,
+            "tavrel-ulog: cannot open " + log + ": No such file or directory; logging to stderr"}),
+        std::vector<std::string>(lines.begin(), lines.begin() + 4));
+    expectWrittenLines({lines.begin() + 4, lines.end()}, child.pid);
 }
 
 }  // namespace
