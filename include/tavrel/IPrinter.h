@@ -13,7 +13,9 @@ public:
     // Formats with printf conventions and prints the result as one line.
     virtual void printFormatLine(const char* format, ...) __attribute__((format(printf, 2, 3))) = 0;
 
-    virtual ~IPrinter() {}
+    // Does nothing. Defined in the library, so that the interface's type information
+    // and table exist once, there, whatever the compiler inlines.
+    virtual ~IPrinter();
 };
 
 }  // namespace NSCam

@@ -19,7 +19,9 @@ public:
         int32_t priority = kNotGiven;  // scheduling priority, or kNotGiven
     };
 
-    virtual ~IThreadLoop() {}
+    // Does nothing. Defined in the library, so that the interface's type information
+    // and table exist once, there, whatever the compiler inlines.
+    virtual ~IThreadLoop();
 
     // Any thread. Asks the loop to end and wakes it.
     virtual void requestExit() = 0;
