@@ -2,8 +2,9 @@
 # TavrelSys::android_utils (the installed package finds them the same way).
 include(${CMAKE_CURRENT_LIST_DIR}/TavrelSysAndroid.cmake)
 if(TavrelSys_ANDROID_MISSING)
+  list(JOIN TavrelSys_ANDROID_MISSING ", " _tavrel_missing)
   message(FATAL_ERROR "Android's host liblog and libutils are needed (Debian packages "
-    "android-liblog-dev and android-libutils-dev); not found: ${TavrelSys_ANDROID_MISSING}")
+    "android-liblog-dev and android-libutils-dev); not found: ${_tavrel_missing}")
 endif()
 set_target_properties(TavrelSys::android_log TavrelSys::android_utils PROPERTIES
   IMPORTED_GLOBAL TRUE)
