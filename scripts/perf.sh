@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# Regenerates the performance page (docs/performance.md and docs/performance.svg): builds
+# Regenerates the performance page (docs/performance.md and its two plots): builds
 # the release configuration with the benchmarks and the comparison (the bench preset, in
 # build/bench), then measures in one sitting
 #   - the event-loop comparison (raw epoll, EpollMonitor, libevent, libev, libuv),
 #   - the same workload's instructions per callback under callgrind,
-#   - Timer wake-up latency against a bare timerfd loop and cyclictest,
+#   - Timer wake-up latency against a bare timerfd loop and cyclictest, all three memory-
+#     locked with /dev/cpu_dma_latency held at 0, at normal priority and, where this
+#     machine grants it, at SCHED_FIFO,
 #   - the registry's heap bytes per descriptor,
 #   - the Google Benchmark programs (build/bench/bench/*_bench).
 # Raw outputs stay in build/bench/perf/. The default run takes a few minutes; --full
@@ -18,14 +20,18 @@ cd "$(dirname "$0")/.."
 blocks=20
 rounds=20
 timer_runs=3
+timer_loops=5000
 callgrind_rounds=10
+bench_repetitions=3
+# The real-time priority of the FIFO timer runs; cyclictest's -p takes the same number.
+fifo_priority=80
 while (($#)); do
   case "$1" in
-    --full) blocks=40 rounds=40 timer_runs=5 ;;
+    --full) blocks=40 rounds=40 timer_runs=5 bench_repetitions=5 ;;
     --blocks) blocks="$2"; shift ;;
     --rounds) rounds="$2"; shift ;;
     --timer-runs) timer_runs="$2"; shift ;;
-    -h|--help) sed -n '2,13p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,15p' "$0"; exit 0 ;;
     *) echo "perf: unknown argument $1" >&2; exit 2 ;;
   esac
   shift
@@ -46,6 +52,19 @@ cmake --build --preset bench --target tavrel-compare tavrel-raw-timerlat tavrel-
 rm -rf "$out"
 mkdir -p "$out/callgrind" "$out/timer" "$out/bench"
 compare="$build/bench/compare/tavrel-compare"
+timerlat="$build/tools/timerlat/tavrel-timerlat"
+raw_timerlat="$build/bench/compare/tavrel-raw-timerlat"
+
+# What this machine permits, tried the way the timer runs use it; the page says what was
+# refused, and the runs go on without it.
+try() { "$timerlat" -l 1 -q "$@" 2>&1 >/dev/null | head -1; }
+lock=(-m) lock_state="locked by each timer program (-m)"
+[[ -z $(try --laptop -m) ]] || lock=() lock_state="refused: $(try --laptop -m)"
+schedules=(normal fifo) fifo_state="permitted (SCHED_FIFO $fifo_priority)"
+[[ -z $(try --laptop -p "$fifo_priority") ]] ||
+  schedules=(normal) fifo_state="refused: $(try --laptop -p "$fifo_priority")"
+dma_state="held at 0 by each timer program"
+[[ -z $(try) ]] || dma_state="not permitted: deep CPU idle states stay allowed ($(try))"
 
 {
   echo "date: $(date -u '+%Y-%m-%d %H:%M UTC')"
@@ -62,11 +81,20 @@ compare="$build/bench/compare/tavrel-compare"
   echo "blocks: $blocks"
   echo "rounds: $rounds"
   echo "timer runs: $timer_runs"
+  echo "timer expiries: $timer_loops"
   echo "callgrind rounds: $callgrind_rounds"
+  echo "benchmark repetitions: $bench_repetitions"
+  echo "memory lock: $lock_state"
+  echo "real-time priority: $fifo_state"
+  echo "cpu_dma_latency: $dma_state"
+  echo "timer slack: $(cat /proc/self/timerslack_ns) ns"
 } >"$out/machine.txt"
 
 echo "perf: event-loop comparison ($blocks blocks of $rounds rounds)"
-"$compare" --blocks="$blocks" --rounds="$rounds" --csv="$out/compare.csv" | tee "$out/compare.txt"
+head -1 /proc/stat >"$out/compare.stat"
+"$compare" --blocks="$blocks" --rounds="$rounds" --csv="$out/compare.csv" \
+  --blocks-csv="$out/compare-blocks.csv" | tee "$out/compare.txt"
+head -1 /proc/stat >>"$out/compare.stat"
 
 echo "perf: instructions per callback under callgrind (N = 1000)"
 for backend in raw monitor libevent libev libuv; do
@@ -95,27 +123,47 @@ if [[ -x "$build/bench/syscall_bench" ]]; then
   done
 fi
 
-echo "perf: timer wake-up latency ($timer_runs runs of 5000 expiries at 1 ms)"
-for ((run = 1; run <= timer_runs; run++)); do
-  # A failed run is left out of the page (which says how many runs it has), not fatal.
-  "$build/tools/timerlat/tavrel-timerlat" --interval 1000 --loops 5000 --quiet \
-    >"$out/timer/timerlat-$run.txt" || echo "perf: tavrel-timerlat failed (exit $?)" >&2
-  "$build/bench/compare/tavrel-raw-timerlat" --interval 1000 --loops 5000 \
-    >"$out/timer/raw-$run.txt"
-  cyclictest -m -i 1000 -l 5000 -q -h 20000 >"$out/timer/cyclictest-$run.txt"
+echo "perf: timer wake-up latency (${schedules[*]}; $timer_runs runs of $timer_loops expiries at 1 ms)"
+head -1 /proc/stat >"$out/timer.stat"
+for schedule in "${schedules[@]}"; do
+  if [[ $schedule == fifo ]]; then
+    ours=(-p "$fifo_priority") theirs=(-p "$fifo_priority")
+  else
+    ours=(--policy other -p 0) theirs=(--policy=other)
+  fi
+  common=("${lock[@]}" -i 1000 -l "$timer_loops" -q)
+  programs=(timer raw cyclictest)
+  for ((run = 1; run <= timer_runs; run++)); do
+    # Back to back, each run starting with the next program, so that none always follows
+    # the same one. A failed run is left out of the page (which counts its runs), not fatal.
+    for ((k = 0; k < ${#programs[@]}; k++)); do
+      program=${programs[(run + k - 1) % ${#programs[@]}]}
+      base="$out/timer/$program-$schedule-$run"
+      case $program in
+        timer) "$timerlat" "${ours[@]}" "${common[@]}" -H 20000 --histfile "$base.hist" >"$base.txt" ;;
+        raw) "$raw_timerlat" "${ours[@]}" "${common[@]}" -H 20000 --histfile "$base.hist" >"$base.txt" ;;
+        cyclictest) cyclictest "${theirs[@]}" "${common[@]}" -h 20000 >"$base.hist" 2>"$base.txt" ;;
+      esac || { echo "perf: $program failed (exit $?)" >&2; rm -f "$base.hist"; }
+    done
+  done
 done
+head -1 /proc/stat >>"$out/timer.stat"
 
 echo "perf: registry memory"
 "$build/bench/compare/tavrel-mapmem" | tee "$out/mapmem.txt"
 
 for bench in "${benches[@]}"; do
   echo "perf: $bench"
-  "$build/bench/$bench" --benchmark_min_time=0.2 --benchmark_out="$out/bench/$bench.json" \
+  "$build/bench/$bench" --benchmark_min_time=0.2 --benchmark_repetitions="$bench_repetitions" \
+    --benchmark_display_aggregates_only=true --benchmark_out="$out/bench/$bench.json" \
     --benchmark_out_format=json
 done
 echo "load at end: $(cut -d' ' -f1-3 /proc/loadavg)" >>"$out/machine.txt"
 
 mkdir -p docs
-python3 bench/compare/perf_report.py "$out" docs/performance.md "$out/plot.dat"
+python3 bench/compare/perf_report.py "$out" docs/performance.md "$out/plot.dat" \
+  "$out/instructions.dat"
 gnuplot -e "datafile='$out/plot.dat'; outfile='docs/performance.svg'" bench/compare/performance.gp
-echo "perf: wrote docs/performance.md and docs/performance.svg"
+gnuplot -e "datafile='$out/instructions.dat'; outfile='docs/performance-instructions.svg'" \
+  bench/compare/instructions.gp
+echo "perf: wrote docs/performance.md, docs/performance.svg and docs/performance-instructions.svg"

@@ -162,6 +162,19 @@ void writeCsv(const std::string& path, const std::vector<Row>& rows, const Optio
     }
 }
 
+// One line per backend and block, so that a reader can pair blocks and take its own
+// statistics of them.
+void writeBlocksCsv(const std::string& path, const std::vector<Row>& rows) {
+    std::ofstream out(path);
+    out << "pairs,active,backend,block,wall_ns,cpu_ns\n";
+    for (const Row& row : rows) {
+        for (size_t b = 0; b < row.wall.ns.size(); ++b) {
+            out << row.pairs << ',' << row.active << ',' << row.backend << ',' << b << ','
+                << row.wall.ns[b] << ',' << row.cpu.ns[b] << '\n';
+        }
+    }
+}
+
 }  // namespace
 
 int run(int argc, char** argv) {
@@ -202,6 +215,7 @@ int run(int argc, char** argv) {
     printTableHeader(options);
     for (const Row& row : all) printRow(row);
     if (!options.csvPath.empty()) writeCsv(options.csvPath, all, options);
+    if (!options.blocksCsvPath.empty()) writeBlocksCsv(options.blocksCsvPath, all);
     return EXIT_SUCCESS;
 }
 

@@ -20,10 +20,22 @@ constexpr const char* kUsage =
     "  --warmup=K        untimed rounds before them (default 3)\n"
     "  --backends=LIST   raw,monitor,libevent,libev,libuv (default all)\n"
     "  --csv=FILE        write the summary as CSV\n"
+    "  --blocks-csv=FILE write every block's cost per callback as CSV\n"
     "  --callgrind       count only the timed rounds (run under valgrind --tool=callgrind\n"
     "                    --instr-atstart=no)\n";
 
-enum OptionId { kPairs = 1, kActive, kWrites, kBlocks, kRounds, kWarmup, kBackends, kCsv, kGrind };
+enum OptionId {
+    kPairs = 1,
+    kActive,
+    kWrites,
+    kBlocks,
+    kRounds,
+    kWarmup,
+    kBackends,
+    kCsv,
+    kBlocksCsv,
+    kGrind
+};
 
 [[noreturn]] void usage(int status) {
     std::fputs(kUsage, status == EXIT_SUCCESS ? stdout : stderr);
@@ -67,6 +79,7 @@ Options parseOptions(int argc, char** argv) {
         {"warmup", required_argument, nullptr, kWarmup},
         {"backends", required_argument, nullptr, kBackends},
         {"csv", required_argument, nullptr, kCsv},
+        {"blocks-csv", required_argument, nullptr, kBlocksCsv},
         {"callgrind", no_argument, nullptr, kGrind},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
@@ -97,6 +110,9 @@ Options parseOptions(int argc, char** argv) {
                 break;
             case kCsv:
                 options.csvPath = optarg;
+                break;
+            case kBlocksCsv:
+                options.blocksCsvPath = optarg;
                 break;
             case kGrind:
                 options.callgrind = true;

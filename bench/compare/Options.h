@@ -16,6 +16,7 @@ struct Options {
     int warmup = 3;                     // untimed rounds before them
     std::vector<std::string> backends;  // empty: all
     std::string csvPath;                // summary as CSV; empty: none
+    std::string blocksCsvPath;          // every block's figures as CSV; empty: none
     bool callgrind = false;             // instrument only the timed rounds (run under callgrind)
 };
 

@@ -1,12 +1,17 @@
 #!/usr/bin/env python3
 """Writes the performance page from the raw outputs scripts/perf.sh leaves in one directory.
 
-usage: perf_report.py OUT_DIR PAGE.md PLOT.dat
+usage: perf_report.py OUT_DIR PAGE.md TIME_PLOT.dat INSTRUCTIONS_PLOT.dat
+
+Every figure on the page comes from OUT_DIR. A target is "met" or "missed" only when the
+spread of its comparison lies wholly on one side of the limit; otherwise the page says it is
+not resolved on this machine and gives the spread.
 """
 
 import csv
 import glob
 import json
+import math
 import os
 import re
 import statistics
@@ -17,6 +22,9 @@ BACKENDS = ["raw", "monitor", "libevent", "libev", "libuv"]
 LIBRARIES = ["libevent", "libev", "libuv"]
 ACTIVES = [1, 10, 100]
 CALLGRIND_PAIRS = 1000
+SCHEDULES = {"normal": "normal priority (SCHED_OTHER, nice 0)", "fifo": "SCHED_FIFO"}
+TIMER_PROGRAMS = {"timer": "Timer on EpollMonitor (tavrel-timerlat)",
+                  "raw": "raw timerfd loop (tavrel-raw-timerlat)", "cyclictest": "cyclictest"}
 
 # The targets the page reports against.
 MAX_EXTRA_DISPATCH_INSTRUCTIONS = 25
@@ -26,19 +34,50 @@ MAX_WRAPPER_INSTRUCTIONS = 25
 MAX_DISABLED_NS = 2.0
 MAX_MEDIAN_GAP_US = 2.0
 MAX_P99_GAP_US = 10.0
+MAX_P99_OVER_CYCLICTEST = 2.0
 MAX_BYTES_PER_DESCRIPTOR = 64.0
 # Source lines of the library worth listing: at least this many instructions per callback.
 MIN_LINE_INSTRUCTIONS = 1.0
+# How sure the interval of a median of block-wise figures is.
+CONFIDENCE = 0.95
 
 NUMBER = r"[0-9][0-9,]*"
+UNRESOLVED = "not resolved on this machine"
 
 
 def number(text):
     return int(text.replace(",", ""))
 
 
-def verdict(ok):
-    return "met" if ok else "**missed**"
+def judge(low, high, limit, strict=False):
+    """The verdict on "at most `limit`" (strict: "below") of a figure known to lie in
+    [low, high]."""
+    if high < limit or (high == limit and not strict):
+        return "met"
+    if low > limit or (low == limit and strict):
+        return "**missed**"
+    return UNRESOLVED
+
+
+def median_interval(values):
+    """The order statistics that hold the median with at least CONFIDENCE, whatever the
+    distribution: the k-th smallest and the k-th largest for the largest k with
+    P(Binomial(n, 1/2) < k) <= (1 - CONFIDENCE) / 2. Too few values: min and max."""
+    ordered = sorted(values)
+    n = len(ordered)
+    k, below = 0, 0.0
+    while k < n:
+        below += math.comb(n, k) / 2 ** n
+        if below > (1 - CONFIDENCE) / 2:
+            break
+        k += 1
+    if k == 0:
+        return ordered[0], ordered[-1]
+    return ordered[k - 1], ordered[n - k]
+
+
+def span(low, high, digits=1, unit=""):
+    return f"[{low:.{digits}f}..{high:.{digits}f}]{unit}"
 
 
 def read_machine(out):
@@ -48,6 +87,21 @@ def read_machine(out):
             key, _, value = line.rstrip("\n").partition(": ")
             machine[key] = value
     return machine
+
+
+def cpu_busy(path):
+    """Share of all CPUs' time that was busy, and that the hypervisor took (steal), between
+    the two /proc/stat "cpu" lines in `path`; None when it is missing."""
+    if not os.path.exists(path):
+        return None
+    with open(path) as f:
+        lines = [list(map(int, l.split()[1:])) for l in f if l.startswith("cpu ")]
+    if len(lines) != 2:
+        return None
+    delta = [b - a for a, b in zip(*lines)]
+    total = sum(delta[:8])  # guest time is already in user and nice
+    idle = delta[3] + delta[4]
+    return (total - idle) / total, delta[7] / total
 
 
 def read_compare(out):
@@ -60,11 +114,23 @@ def read_compare(out):
     return rows
 
 
-def compare_row(rows, pairs, active, backend):
-    for row in rows:
-        if row["pairs"] == pairs and row["active"] == active and row["backend"] == backend:
-            return row
-    return None
+def read_blocks(out):
+    """{(N, A, backend): {"wall": [ns per block], "cpu": [...]}}"""
+    blocks = {}
+    with open(os.path.join(out, "compare-blocks.csv")) as f:
+        for row in csv.DictReader(f):
+            key = (int(row["pairs"]), int(row["active"]), row["backend"])
+            entry = blocks.setdefault(key, {"wall": [], "cpu": []})
+            entry["wall"].append(float(row["wall_ns"]))
+            entry["cpu"].append(float(row["cpu_ns"]))
+    return blocks
+
+
+def block_ratios(blocks, n, a, backend, other, metric):
+    """backend over other, block by block (both ran in every block)."""
+    mine = blocks[(n, a, backend)][metric]
+    theirs = blocks[(n, a, other)][metric]
+    return [m / t for m, t in zip(mine, theirs)]
 
 
 # --- callgrind -------------------------------------------------------------------------
@@ -157,22 +223,12 @@ def wrapper_overheads(path):
 # --- timer latency -----------------------------------------------------------------------
 
 
-def all_row(path):
-    """min, avg, p50, p99, max (us) of the 'all' row of tavrel-timerlat or the raw loop."""
-    with open(path) as f:
-        for line in f:
-            fields = line.split()
-            if fields and fields[0] == "all":
-                values = [float(v) for v in fields[2:7]]
-                return dict(zip(["min", "avg", "p50", "p99", "max"], values))
-    return None
-
-
-def cyclictest_row(path):
-    """min, p50, p99, max (us) from cyclictest's histogram (nearest rank, 1 us buckets)."""
-    buckets = []
-    overflows = 0
-    maximum = None
+def read_histogram(path):
+    """min, p50, p99 and max (us) of a histogram in cyclictest's format (1 us buckets, nearest
+    rank; a percentile among the overflows is the maximum); None if unreadable."""
+    if not os.path.exists(path):
+        return None
+    buckets, overflows, maximum = [], 0, None
     with open(path) as f:
         for line in f:
             m = re.match(r"^(\d{6}) (\d+)", line)
@@ -185,7 +241,7 @@ def cyclictest_row(path):
             if m:
                 maximum = float(m.group(1))
     total = sum(c for _, c in buckets) + overflows
-    if total == 0:
+    if total == 0 or maximum is None:
         return None
 
     def percentile(p):
@@ -197,20 +253,36 @@ def cyclictest_row(path):
                 return float(us)
         return maximum
 
-    minimum = next(float(us) for us, c in buckets if c > 0)
-    return {"min": minimum, "p50": percentile(50), "p99": percentile(99), "max": maximum}
+    minimum = next((float(us) for us, c in buckets if c > 0), maximum)
+    return {"min": minimum, "p50": percentile(50), "p99": percentile(99), "max": maximum,
+            "count": total}
 
 
 def timer_runs(out):
-    runs = []
-    for path in sorted(glob.glob(os.path.join(out, "timer", "timerlat-*.txt"))):
-        run = path.rsplit("-", 1)[1][: -len(".txt")]
-        runs.append({
-            "timer": all_row(path),
-            "raw": all_row(os.path.join(out, "timer", f"raw-{run}.txt")),
-            "cyclictest": cyclictest_row(os.path.join(out, "timer", f"cyclictest-{run}.txt")),
-        })
-    return [r for r in runs if all(r.values())]
+    """{schedule: [{program: figures}]}, only runs in which every program finished."""
+    found = {}
+    for schedule in SCHEDULES:
+        runs = []
+        for path in sorted(glob.glob(os.path.join(out, "timer", f"timer-{schedule}-*.txt"))):
+            run = path.rsplit("-", 1)[1][: -len(".txt")]
+            figures = {p: read_histogram(os.path.join(out, "timer", f"{p}-{schedule}-{run}.hist"))
+                       for p in TIMER_PROGRAMS}
+            if all(figures.values()):
+                runs.append(figures)
+        if runs or glob.glob(os.path.join(out, "timer", f"*-{schedule}-*")):
+            found[schedule] = runs
+    return found
+
+
+def timer_header(out, schedule):
+    """The header line tavrel-timerlat printed in its first run: what the thread really ran
+    with."""
+    for path in sorted(glob.glob(os.path.join(out, "timer", f"timer-{schedule}-*.txt"))):
+        with open(path) as f:
+            first = f.readline().strip()
+        if first.startswith("clock "):
+            return " ".join(first.split())
+    return None
 
 
 # --- the rest ---------------------------------------------------------------------------
@@ -223,30 +295,28 @@ def read_mapmem(out):
 
 
 def read_benchmarks(out):
+    """[(program, name, [repetitions], {aggregate name: entry})] in the order run."""
     results = []
     for path in sorted(glob.glob(os.path.join(out, "bench", "*.json"))):
         with open(path) as f:
             data = json.load(f)
         program = os.path.basename(path)[: -len(".json")]
+        by_name = {}
         for b in data.get("benchmarks", []):
-            results.append((program, b))
+            name = b.get("run_name", b["name"])
+            if name not in by_name:
+                by_name[name] = ([], {})
+                results.append((program, name) + by_name[name])
+            if b.get("run_type") == "aggregate":
+                by_name[name][1][b["aggregate_name"]] = b
+            elif "error_occurred" not in b:
+                by_name[name][0].append(b)
     return results
 
 
 def to_ns(benchmark, key):
     scale = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}[benchmark.get("time_unit", "ns")]
     return benchmark[key] * scale
-
-
-def find_benchmark(benchmarks, pattern):
-    for program, b in benchmarks:
-        if re.search(pattern, b["name"]) and "error_occurred" not in b:
-            return b
-    return None
-
-
-def spread(values):
-    return f"{min(values):.1f}..{max(values):.1f}"
 
 
 class Page:
@@ -264,74 +334,184 @@ class Page:
         self.add()
 
 
+# --- targets ----------------------------------------------------------------------------
+
+
+def instruction_targets(counts):
+    """Dispatch instructions against the raw loop and the libraries; each count was taken
+    more than once, so the spread is that of the repeats (none when they agree)."""
+    targets = []
+    for active in ACTIVES:
+        mon, raw = counts.get(("monitor", active)), counts.get(("raw", active))
+        if not mon or not raw:
+            continue
+        extras = [m - r for m in mon for r in raw]
+        extra = statistics.median(extras)
+        targets.append((f"dispatch instructions per callback, N = {CALLGRIND_PAIRS}, A = {active}",
+                        f"≤ raw + {MAX_EXTRA_DISPATCH_INSTRUCTIONS}",
+                        f"raw + {extra:.1f} ({statistics.median(mon):.1f} vs "
+                        f"{statistics.median(raw):.1f})", span(min(extras), max(extras)),
+                        judge(min(extras), max(extras), MAX_EXTRA_DISPATCH_INSTRUCTIONS)))
+        for lib in ("libev", "libuv"):
+            other = counts.get((lib, active))
+            if not other:
+                continue
+            gaps = [m - o for m in mon for o in other]
+            targets.append((f"dispatch instructions, N = {CALLGRIND_PAIRS}, A = {active}",
+                            f"below {lib}", f"{statistics.median(gaps):+.1f} instructions",
+                            span(min(gaps), max(gaps)), judge(min(gaps), max(gaps), 0, True)))
+    return targets
+
+
+def cell_text(n, a, median, low, high, digits=3):
+    return f"N = {n}, A = {a}: {median:.{digits}f} {span(low, high, digits)}"
+
+
+def summarize_cells(cells, limit, strict=False):
+    """One verdict for a target checked at many (N, A): missed if missed anywhere, met if met
+    everywhere, else not resolved. `cells` are (text, median, low, high)."""
+    verdicts = [judge(low, high, limit, strict) for _, _, low, high in cells]
+    missed = [c[0] for c, v in zip(cells, verdicts) if v != "met" and v != UNRESOLVED]
+    open_ = [c[0] for c, v in zip(cells, verdicts) if v == UNRESOLVED]
+    if missed:
+        return "**missed**", "missed at " + "; ".join(missed)
+    if open_:
+        # The one whose interval reaches furthest past the limit stands for the rest.
+        widest = max((c for c, v in zip(cells, verdicts) if v == UNRESOLVED), key=lambda c: c[3])
+        return UNRESOLVED, (f"{len(open_)} of {len(cells)} not resolved, furthest over the "
+                            f"limit {widest[0]}")
+    return "met", f"met at all {len(cells)}"
+
+
+def time_targets(blocks, pair_counts, actives):
+    targets = []
+    for metric, label in (("wall", "elapsed"), ("cpu", "loop-thread CPU")):
+        cells = []
+        for n in pair_counts:
+            for a in actives:
+                ratios = block_ratios(blocks, n, a, "monitor", "raw", metric)
+                low, high = median_interval(ratios)
+                median = statistics.median(ratios)
+                cells.append((cell_text(n, a, median, low, high), median, low, high))
+        worst = max(cells, key=lambda c: c[1])
+        verdict, where = summarize_cells(cells, MAX_TIME_RATIO)
+        targets.append((f"time per callback ({label}), median block ratio to raw, every (N, A)",
+                        f"≤ {MAX_TIME_RATIO}", f"worst median {worst[0]}", where, verdict))
+        cells = []
+        for n in pair_counts:
+            for a in actives:
+                for lib in LIBRARIES:
+                    ratios = block_ratios(blocks, n, a, "monitor", lib, metric)
+                    low, high = median_interval(ratios)
+                    cells.append((f"{lib} at {cell_text(n, a, statistics.median(ratios), low, high)}",
+                                  statistics.median(ratios), low, high))
+        verdict, where = summarize_cells(cells, 1.0)
+        ahead = sum(1 for c in cells if c[1] <= 1.0)
+        targets.append((f"time per callback ({label}), monitor over each library, block by block",
+                        "≤ 1 against each library", f"median at or below 1 in {ahead} of "
+                        f"{len(cells)} comparisons", where, verdict))
+        if len(pair_counts) > 1:
+            small, large = pair_counts[0], pair_counts[-1]
+            for a in actives:
+                def growth(backend):
+                    lo_s, hi_s = median_interval(blocks[(small, a, backend)][metric])
+                    lo_l, hi_l = median_interval(blocks[(large, a, backend)][metric])
+                    mid = (statistics.median(blocks[(large, a, backend)][metric]) /
+                           statistics.median(blocks[(small, a, backend)][metric]))
+                    return mid, lo_l / hi_s, hi_l / lo_s
+                grow, low, high = growth("monitor")
+                raw_grow, _, _ = growth("raw")
+                targets.append((f"per-callback cost ({label}) at N = {large} over N = {small}, "
+                                f"A = {a}", f"≤ {MAX_SCALING}",
+                                f"{grow:.3f} (raw loop: {raw_grow:.3f})", span(low, high, 3),
+                                judge(low, high, MAX_SCALING)))
+    return targets
+
+
+def timer_targets(timers):
+    targets = []
+    for schedule, runs in timers.items():
+        if not runs:
+            continue
+        checks = (
+            ("Timer median wake-up latency over the raw timerfd loop", f"≤ {MAX_MEDIAN_GAP_US} µs",
+             [r["timer"]["p50"] - r["raw"]["p50"] for r in runs], MAX_MEDIAN_GAP_US, " µs"),
+            ("Timer p99 wake-up latency over the raw timerfd loop", f"≤ {MAX_P99_GAP_US} µs",
+             [r["timer"]["p99"] - r["raw"]["p99"] for r in runs], MAX_P99_GAP_US, " µs"),
+            ("Timer p99 wake-up latency over cyclictest's", f"≤ {MAX_P99_OVER_CYCLICTEST}×",
+             [r["timer"]["p99"] / r["cyclictest"]["p99"] for r in runs], MAX_P99_OVER_CYCLICTEST,
+             "×"),
+        )
+        for label, wanted, values, limit, unit in checks:
+            digits = 2 if unit == "×" else 1
+            targets.append((f"{label}, {SCHEDULES[schedule]}", wanted,
+                            f"{statistics.median(values):+.{digits}f}{unit}" if unit != "×" else
+                            f"{statistics.median(values):.{digits}f}{unit}",
+                            span(min(values), max(values), digits, unit) + f" over {len(runs)} runs",
+                            judge(min(values), max(values), limit)))
+    return targets
+
+
+def benchmark_target(benchmarks, label, pattern):
+    for _, name, repetitions, _ in benchmarks:
+        if re.search(pattern, name) and repetitions:
+            values = [to_ns(b, "cpu_time") for b in repetitions]
+            return (f"{label} ({name})", f"< {MAX_DISABLED_NS} ns",
+                    f"{statistics.median(values):.2f} ns",
+                    span(min(values), max(values), 2, " ns") + f" over {len(values)} repetitions",
+                    judge(min(values), max(values), MAX_DISABLED_NS, True))
+    return (label, f"< {MAX_DISABLED_NS} ns", "no benchmark", "", "not measured")
+
+
+# --- the page ---------------------------------------------------------------------------
+
+
+def write_time_plot(path, blocks, pair_counts, actives):
+    """One data set per A, a row per N: N, then median, min and max of each backend's
+    per-block elapsed time per callback."""
+    with open(path, "w") as f:
+        for a in actives:
+            f.write(f"# A = {a}\n# N " + " ".join(f"{b} {b}_min {b}_max" for b in BACKENDS) + "\n")
+            for n in pair_counts:
+                cells = []
+                for b in BACKENDS:
+                    wall = blocks[(n, a, b)]["wall"]
+                    cells.append(f"{statistics.median(wall):.1f} {min(wall):.1f} {max(wall):.1f}")
+                f.write(f"{n} " + " ".join(cells) + "\n")
+            f.write("\n\n")
+
+
+def write_instructions_plot(path, counts):
+    """A row per A, a column per backend: instructions per callback (median of repeats)."""
+    with open(path, "w") as f:
+        f.write("# A " + " ".join(BACKENDS) + "\n")
+        for a in ACTIVES:
+            f.write(f"{a} " + " ".join(f"{statistics.median(counts.get((b, a), [0])):.1f}"
+                                       for b in BACKENDS) + "\n")
+
+
 def main():
-    out, page_path, plot_path = sys.argv[1:4]
+    out, page_path, plot_path, instructions_path = sys.argv[1:5]
     machine = read_machine(out)
     rows = read_compare(out)
+    blocks = read_blocks(out)
     pair_counts = sorted({int(r["pairs"]) for r in rows})
     actives = sorted({int(r["active"]) for r in rows})
     counts, files = callgrind_runs(out)
     timers = timer_runs(out)
     mapmem = read_mapmem(out)
     benchmarks = read_benchmarks(out)
+    for section, stat in (("event-loop comparison", "compare.stat"), ("timer runs", "timer.stat")):
+        busy = cpu_busy(os.path.join(out, stat))
+        if busy:
+            machine[f"CPU busy during the {section}"] = (
+                f"{100 * busy[0]:.0f} % of {machine.get('cores', '?')} cores, all processes "
+                f"(these programs too); hypervisor steal {100 * busy[1]:.1f} %")
 
     page = Page()
-    targets = []
+    targets = instruction_targets(counts)
+    targets += time_targets(blocks, pair_counts, actives)
 
-    # Dispatch instructions.
-    ir = {key: statistics.median(v) for key, v in counts.items()}
-    for active in ACTIVES:
-        raw = ir.get(("raw", active))
-        mon = ir.get(("monitor", active))
-        if raw is None or mon is None:
-            continue
-        extra = mon - raw
-        targets.append((f"dispatch instructions per callback, N = {CALLGRIND_PAIRS}, A = {active}",
-                        f"≤ raw + {MAX_EXTRA_DISPATCH_INSTRUCTIONS}",
-                        f"raw + {extra:.1f} ({mon:.1f} vs {raw:.1f})",
-                        verdict(extra <= MAX_EXTRA_DISPATCH_INSTRUCTIONS),
-                        f"{extra - MAX_EXTRA_DISPATCH_INSTRUCTIONS:+.1f} instructions"))
-        for lib in ("libev", "libuv"):
-            other = ir.get((lib, active))
-            if other is not None:
-                targets.append((f"dispatch instructions, N = {CALLGRIND_PAIRS}, A = {active}",
-                                f"below {lib}", f"{mon:.1f} vs {other:.1f}",
-                                verdict(mon < other), f"{mon - other:+.1f} instructions"))
-
-    # Time per callback.
-    for metric, label in (("wall", "elapsed"), ("cpu", "loop-thread CPU")):
-        worst = max(((compare_row(rows, n, a, "monitor")[f"{metric}_ratio"], n, a)
-                     for n in pair_counts for a in actives), default=None)
-        if worst:
-            targets.append((f"time per callback ({label}), median ratio to raw, every (N, A)",
-                            f"≤ {MAX_TIME_RATIO}", f"worst {worst[0]:.3f} at N = {worst[1]}, "
-                            f"A = {worst[2]}", verdict(worst[0] <= MAX_TIME_RATIO),
-                            f"{worst[0] - MAX_TIME_RATIO:+.3f}"))
-        behind = []
-        for n in pair_counts:
-            for a in actives:
-                mon = compare_row(rows, n, a, "monitor")[f"{metric}_ratio"]
-                for lib in LIBRARIES:
-                    other = compare_row(rows, n, a, lib)[f"{metric}_ratio"]
-                    if mon > other:
-                        behind.append(f"{lib} at N = {n}, A = {a} ({mon:.3f} vs {other:.3f})")
-        targets.append((f"time per callback ({label}), never behind the libraries",
-                        "monitor ≤ each library", "behind " + "; ".join(behind) if behind
-                        else "never behind", verdict(not behind), f"{len(behind)} of "
-                        f"{len(pair_counts) * len(actives) * len(LIBRARIES)} comparisons"))
-        if len(pair_counts) > 1:
-            small, large = pair_counts[0], pair_counts[-1]
-            for a in actives:
-                grow = (compare_row(rows, large, a, "monitor")[f"{metric}_ns"] /
-                        compare_row(rows, small, a, "monitor")[f"{metric}_ns"])
-                raw_grow = (compare_row(rows, large, a, "raw")[f"{metric}_ns"] /
-                            compare_row(rows, small, a, "raw")[f"{metric}_ns"])
-                targets.append((f"per-callback cost ({label}) at N = {large} over N = {small}, "
-                                f"A = {a}", f"≤ {MAX_SCALING}", f"{grow:.3f} (raw loop: "
-                                f"{raw_grow:.3f})", verdict(grow <= MAX_SCALING),
-                                f"{grow - MAX_SCALING:+.3f}"))
-
-    # Wrappers (callgrind) and disabled diagnostics (Google Benchmark).
     wrappers = {}
     wrapper_sources = [files[("monitor", 1)][0]] if ("monitor", 1) in files else []
     wrapper_sources += sorted(glob.glob(os.path.join(out, "callgrind", "wrapper-*.out")))
@@ -340,35 +520,15 @@ def main():
     for wrapper, (extra, calls) in wrappers.items():
         targets.append((f"instructions System::{wrapper} adds to {WRAPPED_CALLS[wrapper]} "
                         f"(callgrind, {calls} calls)", f"≤ {MAX_WRAPPER_INSTRUCTIONS}",
-                        f"{extra:.1f}", verdict(extra <= MAX_WRAPPER_INSTRUCTIONS),
-                        f"{extra - MAX_WRAPPER_INSTRUCTIONS:+.1f} instructions"))
+                        f"{extra:.1f}", "exact (instruction count)",
+                        judge(extra, extra, MAX_WRAPPER_INSTRUCTIONS)))
     if not wrappers:
         targets.append(("wrapper instructions over the bare call", f"≤ {MAX_WRAPPER_INSTRUCTIONS}",
-                        "no callgrind data", "not measured", ""))
-    for label, patterns in (("disabled log statement", [r"DisabledLogStatement", r"Log.*Off"]),
-                            ("disabled trace section", [r"DisabledTraceSection",
-                                                        r"TraceSection.*Disabled"])):
-        b = next((found for found in (find_benchmark(benchmarks, p) for p in patterns) if found),
-                 None)
-        if b is None:
-            targets.append((label, f"< {MAX_DISABLED_NS} ns", "no benchmark", "not measured", ""))
-            continue
-        ns = to_ns(b, "cpu_time")
-        targets.append((f"{label} ({b['name']})", f"< {MAX_DISABLED_NS} ns", f"{ns:.2f} ns",
-                        verdict(ns < MAX_DISABLED_NS), f"{ns - MAX_DISABLED_NS:+.2f} ns"))
+                        "no callgrind data", "", "not measured"))
+    targets.append(benchmark_target(benchmarks, "disabled log statement", r"DisabledLogStatement"))
+    targets.append(benchmark_target(benchmarks, "disabled trace section", r"DisabledTraceSection"))
+    targets += timer_targets(timers)
 
-    # Timer.
-    if timers:
-        gap50 = statistics.median(t["timer"]["p50"] - t["raw"]["p50"] for t in timers)
-        gap99 = statistics.median(t["timer"]["p99"] - t["raw"]["p99"] for t in timers)
-        targets.append(("Timer median wake-up latency over the raw timerfd loop",
-                        f"≤ {MAX_MEDIAN_GAP_US} µs", f"{gap50:+.1f} µs",
-                        verdict(gap50 <= MAX_MEDIAN_GAP_US), f"{gap50 - MAX_MEDIAN_GAP_US:+.1f} µs"))
-        targets.append(("Timer p99 wake-up latency over the raw timerfd loop",
-                        f"≤ {MAX_P99_GAP_US} µs", f"{gap99:+.1f} µs",
-                        verdict(gap99 <= MAX_P99_GAP_US), f"{gap99 - MAX_P99_GAP_US:+.1f} µs"))
-
-    # Memory.
     per_fd = mapmem.get("bytes_per_descriptor")
     if per_fd is not None:
         note = "" if mapmem["descriptors"] == mapmem["wanted"] else (
@@ -376,16 +536,20 @@ def main():
             f"descriptors: RLIMIT_NOFILE {int(mapmem['fd_limit'])})")
         targets.append(("registry heap bytes per distinct descriptor ever attached",
                         f"≤ {MAX_BYTES_PER_DESCRIPTOR:.0f}", f"{per_fd:.1f}{note}",
-                        verdict(per_fd <= MAX_BYTES_PER_DESCRIPTOR),
-                        f"{per_fd - MAX_BYTES_PER_DESCRIPTOR:+.1f} bytes"))
+                        "one run; the heap's growth for a fixed sequence of calls",
+                        judge(per_fd, per_fd, MAX_BYTES_PER_DESCRIPTOR)))
 
-    # --- the page ---
     page.add("# Performance")
     page.add()
-    page.add("Generated by `scripts/perf.sh` (`--full` for more blocks, rounds and timer runs); "
-             "every figure below comes from that one run. The machine is shared: time figures "
-             "are noisy, so they are given as medians of block-wise ratios with their spread; "
-             "instruction counts (callgrind) repeat and are the firmer figures.")
+    page.add("Generated by `scripts/perf.sh` (`--full` for more blocks, rounds, timer runs and "
+             "benchmark repetitions); every figure below comes from that one run. A target is "
+             "*met* or *missed* only when the spread of its comparison lies wholly on one side "
+             "of the limit; otherwise it is *not resolved on this machine*, and the spread is "
+             "given. Spreads: for time per callback, the interval that holds the median of the "
+             f"block-wise figures with at least {CONFIDENCE:.0%} confidence (order statistics, "
+             "whatever their distribution); for timer latency, the lowest and highest of the "
+             "runs; for micro-benchmarks, of the repetitions. Instruction counts (callgrind) "
+             "are exact and repeat: they are the firm figures.")
     page.add()
     page.add("## Machine and run")
     page.add()
@@ -393,35 +557,40 @@ def main():
 
     page.add("## Targets")
     page.add()
-    page.table(["target", "wanted", "measured", "verdict", "gap"], targets)
+    page.table(["target", "wanted", "measured", "spread", "verdict"], targets)
 
+    callbacks = int(rows[0]["callbacks_per_round"] - rows[0]["active"])
     page.add("## Event loops side by side: time per callback")
     page.add()
     page.add(f"Workload: N socket pairs, A of them written at the start of a round; every read "
-             f"callback reads its byte and, until {int(rows[0]['callbacks_per_round'] - rows[0]['active'])} "
-             f"writes have happened, writes one byte to the next pair. Each backend's loop runs "
-             f"on its own thread at the same (normal) priority; the driver thread starts a round "
-             f"through an eventfd the loop watches and waits for the last callback to post "
-             f"another. Backends are interleaved in {int(rows[0]['blocks'])} blocks of "
-             f"{int(rows[0]['rounds'])} timed rounds each (after warm-up rounds); each "
-             f"block's figure is the median round, and the ratio to raw is taken within the "
-             f"block. *wall* is elapsed time per callback; *cpu* is the loop thread's CPU "
-             f"time per callback, which time taken by other processes on this shared machine "
-             f"does not inflate. Ratios: median over blocks [min..max].")
+             f"callback reads its byte and, until {callbacks} writes have happened, writes one "
+             f"byte to the next pair. Each backend's loop runs on its own thread at the same "
+             f"(normal) priority; the driver thread starts a round through an eventfd the loop "
+             f"watches and waits for the last callback to post another. Backends are "
+             f"interleaved in {int(rows[0]['blocks'])} blocks of {int(rows[0]['rounds'])} timed "
+             f"rounds each (after warm-up rounds); each block's figure is the median round, and "
+             f"the ratio to raw is taken within the block. *wall* is elapsed time per callback; "
+             f"*cpu* is the loop thread's CPU time per callback, which time taken by other "
+             f"processes does not inflate. ns/cb: median over blocks [min..max]; ratio: median "
+             f"over blocks, then its {CONFIDENCE:.0%} interval.")
     page.add()
     table = []
     for n in pair_counts:
         for a in actives:
             for b in BACKENDS:
-                r = compare_row(rows, n, a, b)
-                if r is None:
+                if (n, a, b) not in blocks:
                     continue
-                table.append((n, a, b, f"{r['wall_ns']:.0f}",
-                              f"{r['wall_ratio']:.3f} [{r['wall_ratio_min']:.2f}..{r['wall_ratio_max']:.2f}]",
-                              f"{r['cpu_ns']:.0f}",
-                              f"{r['cpu_ratio']:.3f} [{r['cpu_ratio_min']:.2f}..{r['cpu_ratio_max']:.2f}]"))
+                cells = [n, a, b]
+                for metric in ("wall", "cpu"):
+                    ns = blocks[(n, a, b)][metric]
+                    ratios = block_ratios(blocks, n, a, b, "raw", metric)
+                    cells.append(f"{statistics.median(ns):.0f} {span(min(ns), max(ns), 0)}")
+                    cells.append(f"{statistics.median(ratios):.3f} "
+                                 f"{span(*median_interval(ratios), 3)}")
+                table.append(cells)
     page.table(["N", "A", "backend", "wall ns/cb", "wall ratio", "cpu ns/cb", "cpu ratio"], table)
-    page.add("![per-callback cost by backend and N](performance.svg)")
+    page.add("![elapsed time per callback by backend and N: median and range of the blocks]"
+             "(performance.svg)")
     page.add()
 
     page.add(f"## Instructions per callback (callgrind, N = {CALLGRIND_PAIRS})")
@@ -434,13 +603,15 @@ def main():
     for b in BACKENDS:
         for a in ACTIVES:
             v = counts.get((b, a))
-            if not v:
+            raw = counts.get(("raw", a))
+            if not v or not raw:
                 continue
-            raw = ir.get(("raw", a))
-            same = "exactly" if max(v) == min(v) else f"within {max(v) - min(v):.2f}"
-            table.append((b, a, f"{ir[(b, a)]:.1f}", f"{ir[(b, a)] - raw:+.1f}", same))
+            same = "exactly" if max(v) == min(v) else f"within {max(v) - min(v):.3f}"
+            table.append((b, a, f"{statistics.median(v):.1f}",
+                          f"{statistics.median(v) - statistics.median(raw):+.1f}", same))
     page.table(["backend", "A", "instructions/cb", "over raw", "repeats"], table)
-
+    page.add("![instructions per callback by backend and A](performance-instructions.svg)")
+    page.add()
     if ("monitor", 1) in files and ("raw", 1) in files:
         page.add("### Where the monitor's extra instructions go")
         page.add()
@@ -488,25 +659,44 @@ def main():
 
     page.add("## Timer wake-up latency")
     page.add()
-    page.add("One periodic timer at 1 ms, 5000 expiries, normal priority, CLOCK_MONOTONIC: "
-             "`tavrel-timerlat --interval 1000 --loops 5000` (a Timer on an EpollMonitor), "
-             "the bare timerfd + epoll loop `tavrel-raw-timerlat` with the same settings, "
-             "and `cyclictest -m -i 1000 -l 5000 -q -h 20000` (its histogram gives the "
-             f"median and p99), run back to back {len(timers)} times. Figures in µs: median "
-             "over runs [min..max over runs].")
+    page.add(f"One periodic timer at 1 ms on CLOCK_MONOTONIC, {machine.get('timer runs', '?')} "
+             f"runs of {machine.get('timer expiries', '?')} expiries each for each of three "
+             "programs: `tavrel-timerlat` (a Timer on an EpollMonitor), the bare timerfd + "
+             "epoll loop `tavrel-raw-timerlat` (same options, same report code), and "
+             "`cyclictest`. The three run alike: memory "
+             f"{machine.get('memory lock', '?')}; /dev/cpu_dma_latency "
+             f"{machine.get('cpu_dma_latency', '?')} (cyclictest holds it itself); the same "
+             "policy and priority: `--policy other -p 0` for ours and `--policy=other` for "
+             "cyclictest at normal priority, `-p N` for all three at SCHED_FIFO (real-time "
+             f"priority here: {machine.get('real-time priority', '?')}). They run back to back, "
+             "each run starting with the next program. Every figure comes from each program's "
+             "histogram in cyclictest's format (1 µs buckets, nearest rank), in µs: median over "
+             "runs [min..max over runs]. Each section shows the header tavrel-timerlat printed: "
+             "the policy and priority its monitor thread really ran with.")
     page.add()
     if not timers:
-        page.add("No complete run: tavrel-timerlat failed or was missing (see perf.sh's output).")
+        page.add("No complete run: a timer program failed or was missing (see perf.sh's output).")
         page.add()
-    else:
+    for schedule, runs in timers.items():
+        page.add(f"### {SCHEDULES[schedule]}")
+        page.add()
+        header = timer_header(out, schedule)
+        if header:
+            page.add(f"tavrel-timerlat's header: `{header}`.")
+            page.add()
+        if not runs:
+            page.add("No run in which all three programs finished.")
+            page.add()
+            continue
         table = []
-        for key, label in (("timer", "Timer on EpollMonitor"), ("raw", "raw timerfd loop"),
-                           ("cyclictest", "cyclictest")):
+        for key, label in TIMER_PROGRAMS.items():
             cells = [label]
             for stat in ("min", "p50", "p99", "max"):
-                values = [t[key][stat] for t in timers]
-                cells.append(f"{statistics.median(values):.1f} [{spread(values)}]")
+                values = [r[key][stat] for r in runs]
+                cells.append(f"{statistics.median(values):.0f} {span(min(values), max(values), 0)}")
             table.append(cells)
+        page.add(f"{len(runs)} complete runs.")
+        page.add()
         page.table(["program", "min", "median", "p99", "max"], table)
 
     page.add("## Registry memory")
@@ -522,21 +712,27 @@ def main():
 
     page.add("## Micro-benchmarks (Google Benchmark)")
     page.add()
+    page.add(f"Median of {machine.get('benchmark repetitions', '?')} repetitions, cpu time "
+             "[min..max over them].")
+    page.add()
     table = []
-    for program, b in benchmarks:
-        if b.get("run_type") == "aggregate":
+    for program, name, repetitions, aggregates in benchmarks:
+        if not repetitions:
             continue
-        extra = ", ".join(f"{k}={v:g}" for k, v in b.items()
+        real = statistics.median(to_ns(b, "real_time") for b in repetitions)
+        cpu = [to_ns(b, "cpu_time") for b in repetitions]
+        extra = ", ".join(f"{k}={v:g}" for k, v in repetitions[0].items()
                           if isinstance(v, (int, float)) and k not in (
                               "real_time", "cpu_time", "iterations", "repetitions",
                               "repetition_index", "threads", "family_index",
                               "per_family_instance_index"))
-        table.append((program, f"`{b['name']}`", f"{to_ns(b, 'real_time'):.1f}",
-                      f"{to_ns(b, 'cpu_time'):.1f}", b.get("iterations", ""), extra))
+        table.append((program, f"`{name}`", f"{real:.1f}",
+                      f"{statistics.median(cpu):.1f} {span(min(cpu), max(cpu))}",
+                      repetitions[0].get("iterations", ""), extra))
     page.table(["program", "benchmark", "real ns", "cpu ns", "iterations", "counters"], table)
 
-    # What the figures cannot show: why a missed target stays missed. Kept by hand, beside
-    # this script, and carried over into every regenerated page.
+    # Why a target stays missed or unresolved: kept by hand beside this script, without
+    # figures of its own, and carried over into every regenerated page.
     notes_path = os.path.join(os.path.dirname(os.path.abspath(__file__)), "gaps.md")
     if os.path.exists(notes_path):
         with open(notes_path) as f:
@@ -545,15 +741,8 @@ def main():
 
     with open(page_path, "w") as f:
         f.write("\n".join(page.lines).rstrip() + "\n")
-
-    # Plot data: one gnuplot data set per A, a row per N, a column per backend.
-    with open(plot_path, "w") as f:
-        for a in actives:
-            f.write(f"# A = {a}\n# N " + " ".join(BACKENDS) + "\n")
-            for n in pair_counts:
-                f.write(f"{n} " + " ".join(f"{compare_row(rows, n, a, b)['wall_ns']:.1f}"
-                                           for b in BACKENDS) + "\n")
-            f.write("\n\n")
+    write_time_plot(plot_path, blocks, pair_counts, actives)
+    write_instructions_plot(instructions_path, counts)
 
 
 if __name__ == "__main__":

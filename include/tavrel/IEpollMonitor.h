@@ -25,16 +25,31 @@ public:
     virtual std::string const& getName() const = 0;
 
     // Any thread, also from inside onEvent. Watches observer->getEventFD() for `events`
-    // (epoll flags, passed through unchanged). The caller keeps `observer` alive until
-    // after detach() returns. Attaching a descriptor that is attached ends the process.
+    // (epoll flags, passed through unchanged). The monitor keeps the plain pointer and owns
+    // nothing; see detach() for how long the observer must live. Attaching a descriptor
+    // that is attached, or that epoll refuses, dumps the state to the error log and ends
+    // the process.
     virtual void attach(IEventObserver* observer, int events) = 0;
 
     // Any thread. Replaces the event mask of an attached observer; a descriptor the
     // kernel does not know ends the process.
     virtual void modify(IEventObserver* observer, int events) = 0;
 
-    // Any thread, also from inside onEvent. Stops watching the observer's descriptor;
-    // detaching a descriptor that is not attached ends the process.
+    // Any thread, also from inside onEvent. Stops watching the observer's descriptor, which
+    // is found by number alone: detaching another object that reports the same descriptor
+    // removes the registered observer. Detaching a descriptor that is not attached dumps
+    // the state to the error log and ends the process. The descriptor may be closed as soon
+    // as this returns.
+    //
+    // On the monitor thread (from inside any observer's onEvent), once this returns the
+    // observer is not called again, for the rest of the batch being dispatched included:
+    // it may be destroyed at once.
+    //
+    // On any other thread, the monitor thread may be inside the observer's onEvent when
+    // this returns, or about to make one last call for an event it has already taken from
+    // the kernel. The owner must keep the observer alive until that cannot happen: detach
+    // it from inside an onEvent, stop the monitor's thread first, or wait until an event
+    // signalled after this returned has been dispatched.
     virtual void detach(IEventObserver* observer) = 0;
 
     // Any thread. Creates a monitor; it does nothing until a thread driver runs its

@@ -17,7 +17,9 @@
 namespace NSCam::NSTavrel {
 
 // Usage: create under a std::shared_ptr, attach to a monitor with getEventType(), arm
-// with startTimerAbsoluteTime(); detach it before dropping the last reference.
+// with startTimerAbsoluteTime(); detach it before dropping the last reference, and when
+// detaching from another thread than the monitor's, keep it alive as long as
+// IEpollMonitor::detach() says.
 class TAVREL_SYS_API Timer : public IEventObserver, public std::enable_shared_from_this<Timer> {
 public:
     // Any thread. `name` may be null; `clockid` is a timerfd clock (CLOCK_MONOTONIC,
@@ -65,6 +67,7 @@ private:
     uint32_t mEvents;                      // the mask the timer wants to be attached with
     std::function<void()> mNotifyTimeout;  // run on every expiry
     mutable std::mutex mMutex;             // makes each set (and get-then-set) of mFd atomic
+    bool mArmed = false;                   // guarded by mMutex: last set armed the timer
 };
 
 }  // namespace NSCam::NSTavrel

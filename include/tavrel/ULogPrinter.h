@@ -16,8 +16,9 @@ namespace NSCam::Utils::ULog {
 
 class TAVREL_SYS_API ULogPrinter : public NSCam::IPrinter, public android::Printer {
 public:
-    // `tag` is copied (at most 63 characters); `prefix`, put before each Android-log line,
-    // must outlive the printer.
+    // The Android log gets `tag` whole and the unified logger a copy of at most 63
+    // characters; `tag` and `prefix` (put before each Android-log line) must outlive the
+    // printer.
     ULogPrinter(const char* tag, uint32_t moduleId, uint32_t level, android_LogPriority priority,
                 const char* prefix, bool ignoreBlankLines);
     ~ULogPrinter() override;
@@ -33,7 +34,7 @@ private:
 
     uint32_t mLevel;                  // unified-log level of every line
     uint32_t mModuleId;               // unified-log module id of every line
-    char mTag[kTagSize];              // log tag; also what mLogPrinter points to
+    char mTag[kTagSize];              // the unified logger's copy of the tag
     android::LogPrinter mLogPrinter;  // the Android-log route
 };
 

@@ -1,19 +1,13 @@
-// Shared entry point of the test programs: ownership errors are fatal, and death tests
-// re-run the program rather than fork a copy of a threaded process.
+// Shared entry point of the test programs: ownership errors are fatal, and death tests fork
+// the test process as it stands, so that a child's descriptors and addresses are the ones
+// the parent expects in its report. Every death test runs while the process has one thread.
 #include <gtest/gtest.h>
 
 #include "tavrel/platform/Fdsan.h"
 
-// The threadsafe style re-runs the program with execv(), which fails with ENOEXEC for an
-// Arm program run through qemu's user-mode emulator (no binfmt_misc handler); a plain
-// fork works there, so that build picks "fast" (see tests/CMakeLists.txt).
-#ifndef TAVREL_DEATH_TEST_STYLE
-#define TAVREL_DEATH_TEST_STYLE "threadsafe"
-#endif
-
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
-    GTEST_FLAG_SET(death_test_style, TAVREL_DEATH_TEST_STYLE);
+    GTEST_FLAG_SET(death_test_style, "fast");
     tavrel::host::setFdsanReaction(tavrel::host::FdsanReaction::kFatal);
     return RUN_ALL_TESTS();
 }

@@ -4,11 +4,13 @@
 #include <string>
 
 #include "Deadline.h"
+#include "tavrel/platform/Trace.h"
 
 namespace tavrel::timerlat {
 namespace {
 
-constexpr int64_t kNsPerSec = 1000 * 1000 * 1000;
+constexpr int64_t kNsPerUs = 1000;
+constexpr int64_t kNsPerSec = 1000 * kNsPerUs * 1000;
 // A look at the timer is taken again when its clock readings are further apart than this,
 // up to kMaxLooks times: the deadlines it gives can be early by that much. Its two system
 // calls take about a microsecond, except in the first look after an expiry, in which the
@@ -24,6 +26,9 @@ timespec toTimespec(int64_t ns) {
     return {ns / kNsPerSec, ns % kNsPerSec};
 }
 
+// The largest latency a trace counter can show, in microseconds.
+constexpr int64_t kMaxCounterUs = INT32_MAX;
+
 int64_t nowNs(clockid_t clock) {
     timespec now{};
     clock_gettime(clock, &now);
@@ -33,11 +38,12 @@ int64_t nowNs(clockid_t clock) {
 }  // namespace
 
 LatencyProbe::LatencyProbe(int index, clockid_t clock, int64_t firstDeadlineNs, int64_t intervalNs,
-                           int64_t loops)
+                           int64_t loops, bool traceCounter)
     : mClock(clock),
       mIntervalNs(intervalNs),
       mLoops(loops),
       mFirstDeadlineNs(firstDeadlineNs),
+      mTraceCounter(traceCounter),
       // start() arms this deadline as an absolute time: the first expiry is due exactly then.
       mFloorNs(firstDeadlineNs),
       mPreviousNextNs(firstDeadlineNs),
@@ -59,7 +65,20 @@ void LatencyProbe::onExpiry() {
     const ExpiryDeadlines deadlines = deadlinesOf(look, mIntervalNs, mFloorNs);
     const int64_t latencyNs = wokeNs - deadlines.dueNs;
     mLatencies.push_back(latencyNs);
-    if (!mFirst) mSlips.push_back(slipOf(deadlines.dueNs, mPreviousNextNs, mIntervalNs));
+    if (mTraceCounter) {
+        const int64_t us = std::clamp<int64_t>(latencyNs / kNsPerUs, 0, kMaxCounterUs);
+        atrace_int_body(mTimer->getEventName().c_str(), static_cast<int32_t>(us));
+    }
+    // The deadlines read() counted beyond the due one ran no callback; neither did those
+    // a re-arm skipped: whole intervals between the last next deadline and this due one.
+    mMissed += std::max<int64_t>(look.expiries - 1, 0);
+    if (mFirst) {
+        mThread = observeThisThread();
+    } else {
+        const int64_t slipNs = slipOf(deadlines.dueNs, mPreviousNextNs, mIntervalNs);
+        mSlips.push_back(slipNs);
+        mMissed += std::max<int64_t>((deadlines.dueNs - mPreviousNextNs - slipNs) / mIntervalNs, 0);
+    }
     mFirst = false;
     mPreviousNextNs = deadlines.nextNs;
     // The re-arm that follows sets a deadline no sooner than the kernel's next one, and in

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "ThreadState.h"
 #include "tavrel/Timer.h"
 
 namespace tavrel::timerlat {
@@ -16,9 +17,10 @@ namespace tavrel::timerlat {
 class LatencyProbe {
 public:
     // Any thread, before the monitor thread starts. Creates the timer, disarmed; it is
-    // to expire first at `firstDeadlineNs` on `clock`. `loops` 0: no limit.
+    // to expire first at `firstDeadlineNs` on `clock`. `loops` 0: no limit. With
+    // `traceCounter`, each latency goes to the trace as a counter named after the timer.
     LatencyProbe(int index, clockid_t clock, int64_t firstDeadlineNs, int64_t intervalNs,
-                 int64_t loops);
+                 int64_t loops, bool traceCounter);
 
     // The timer, to attach to a monitor.
     const std::shared_ptr<NSCam::NSTavrel::Timer>& timer() const { return mTimer; }
@@ -34,6 +36,8 @@ public:
     // Only once the monitor thread has been joined.
     const std::vector<int64_t>& latencies() const { return mLatencies; }
     const std::vector<int64_t>& slips() const { return mSlips; }
+    int64_t missed() const { return mMissed; }
+    const ThreadState& thread() const { return mThread; }
 
 private:
     // Monitor thread: the timer's callback.
@@ -43,11 +47,14 @@ private:
     const int64_t mIntervalNs;        // the timer's period
     const int64_t mLoops;             // expiries to record before stopping the timer; 0: all
     const int64_t mFirstDeadlineNs;   // what start() arms; never changes
+    const bool mTraceCounter;         // write each latency to the trace
     int64_t mFloorNs;                 // the next expiry cannot be due before this
     int64_t mPreviousNextNs;          // the kernel's next deadline at the last expiry
     bool mFirst = true;               // the first expiry has no previous deadline to slip from
     std::vector<int64_t> mLatencies;  // wake-up minus deadline, per expiry
     std::vector<int64_t> mSlips;      // how far each re-arm moved the next deadline
+    int64_t mMissed = 0;              // deadlines passed without a callback of their own
+    ThreadState mThread;              // the monitor thread's scheduling at the first expiry
     std::atomic<int64_t> mCount{0};   // expiries recorded so far
     std::atomic<int64_t> mMaxNs{0};   // largest latency so far
     std::atomic<bool> mDone{false};   // mLoops reached and the timer stopped

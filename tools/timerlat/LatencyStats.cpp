@@ -20,10 +20,8 @@ double mean(const std::vector<int64_t>& values) {
     return sum / static_cast<double>(values.size());
 }
 
-}  // namespace
-
-Summary summarize(std::vector<int64_t> latencies, const std::vector<int64_t>& slips,
-                  int64_t intervalNs) {
+// The order statistics of `latencies`; count stays 0 when there are none.
+Summary ofSamples(std::vector<int64_t> latencies, const std::vector<int64_t>& slips) {
     Summary summary;
     summary.slipAvgNs = mean(slips);
     if (latencies.empty()) return summary;
@@ -34,8 +32,33 @@ Summary summarize(std::vector<int64_t> latencies, const std::vector<int64_t>& sl
     summary.avgNs = mean(latencies);
     summary.p50Ns = percentile(latencies, 50);
     summary.p99Ns = percentile(latencies, 99);
-    const auto firstOverrun = std::lower_bound(latencies.begin(), latencies.end(), intervalNs);
-    summary.overruns = latencies.end() - firstOverrun;
+    return summary;
+}
+
+}  // namespace
+
+Summary summarize(const TimerResult& timer) {
+    Summary summary = ofSamples(timer.latencies, timer.slips);
+    summary.overruns = std::count_if(timer.latencies.begin(), timer.latencies.end(),
+                                     [&](int64_t ns) { return ns >= timer.intervalNs; });
+    summary.missed = timer.missed;
+    return summary;
+}
+
+Summary summarizeAll(const std::vector<TimerResult>& timers) {
+    std::vector<int64_t> latencies;
+    std::vector<int64_t> slips;
+    int64_t overruns = 0;
+    int64_t missed = 0;
+    for (const TimerResult& timer : timers) {
+        latencies.insert(latencies.end(), timer.latencies.begin(), timer.latencies.end());
+        slips.insert(slips.end(), timer.slips.begin(), timer.slips.end());
+        overruns += summarize(timer).overruns;
+        missed += timer.missed;
+    }
+    Summary summary = ofSamples(std::move(latencies), slips);
+    summary.overruns = overruns;
+    summary.missed = missed;
     return summary;
 }
 

@@ -2,9 +2,19 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace tavrel::timerlat {
+
+// One timer's samples.
+struct TimerResult {
+    std::string label;               // the timer's index
+    int64_t intervalNs = 0;          // its period
+    std::vector<int64_t> latencies;  // ns, in the order of the expiries
+    std::vector<int64_t> slips;      // ns, in the order of the re-arms
+    int64_t missed = 0;              // deadlines that passed without a callback of their own
+};
 
 struct Summary {
     int64_t count = 0;     // samples
@@ -13,13 +23,16 @@ struct Summary {
     int64_t p50Ns = 0;     // median (nearest rank)
     int64_t p99Ns = 0;     // 99th percentile (nearest rank)
     int64_t maxNs = 0;     // largest sample
-    int64_t overruns = 0;  // samples of a whole interval or more: expiries that were missed
+    int64_t overruns = 0;  // samples of a whole interval or more
+    int64_t missed = 0;    // deadlines without a callback
     double slipAvgNs = 0;  // mean shift of a deadline by the re-arm before it
 };
 
-// Summarizes `latencies` (any order); `slips` gives slipAvgNs. Zero when empty.
-Summary summarize(std::vector<int64_t> latencies, const std::vector<int64_t>& slips,
-                  int64_t intervalNs);
+// One timer's figures; zero when it has no samples.
+Summary summarize(const TimerResult& timer);
+
+// Every timer's samples together; overruns count against each timer's own interval.
+Summary summarizeAll(const std::vector<TimerResult>& timers);
 
 // Counts of samples in power-of-two microsecond buckets: bucket 0 holds what is below
 // 1 us, bucket b holds [2^(b-1), 2^b) us, the last bucket everything above.

@@ -9,14 +9,28 @@
 
 namespace tavrel::timerlat {
 
+// Scheduling policies as the camera stack numbers them for NSCam::Thread::setThreadPriority.
+enum StackPolicy : int32_t { kBatch = 0, kOther = 1, kFifo = 2, kRoundRobin = 3 };
+
 struct Options {
     int timers = 1;                       // periodic timers attached to the one monitor
-    int64_t intervalUs = 1000;            // period of every timer
+    int64_t intervalUs = 1000;            // period of the first timer
+    int64_t distanceUs = 0;               // each further timer's period and start are this later
     int64_t loops = 0;                    // expiries per timer before stopping; 0: no limit
     double durationSec = 0;               // run time before stopping; 0: no limit
     clockid_t clock = CLOCK_MONOTONIC;    // clock the timers run on
-    std::string clockName = "monotonic";  // the clock as the user named it, for the report
+    std::string clockName = "monotonic";  // the clock's name in lower case, for the report
+    bool schedGiven = false;              // false: the monitor applies its own default
+    int32_t policy = kOther;              // with schedGiven, applied by the thread driver
+    int32_t priority = 0;                 // real-time priority (fifo, rr) or nice value
+    std::string cpus;                     // CPU list for the monitor thread; empty: unchanged
+    bool lockMemory = false;              // mlockall before the run
+    bool holdDmaLatency = true;           // hold /dev/cpu_dma_latency at 0 while running
     std::string traceFile;                // trace output file; empty: tracing stays off
+    bool traceAppend = false;             // append to the trace file instead of replacing it
+    std::string jsonFile;                 // summary and per-timer figures; empty: none
+    int64_t histogramUs = 0;              // 1 us buckets of the histogram dump; 0: none
+    std::string histogramFile;            // where the histogram goes; empty: stdout
     bool quiet = false;                   // no live progress line
 };
 
@@ -30,5 +44,11 @@ ParseResult parseOptions(int argc, char** argv, Options* options, std::string* e
 
 // The help text.
 void printUsage(std::ostream& out, const char* program);
+
+// "fifo", "rr", "other" or "batch"; "?" for any other number.
+const char* policyName(int32_t policy);
+
+// The period of timer `index`.
+int64_t intervalUsOf(const Options& options, int index);
 
 }  // namespace tavrel::timerlat

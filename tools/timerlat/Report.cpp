@@ -28,14 +28,21 @@ double us(double ns) {
 }
 
 void printRow(std::ostream& out, const std::string& label, const Summary& s) {
-    out << format("%-6s %9lld %9.1f %9.1f %9.1f %9.1f %9.1f %9lld %9.2f\n", label.c_str(),
+    if (s.count == 0) {
+        out << format("%-6s %9d  no samples\n", label.c_str(), 0);
+        return;
+    }
+    out << format("%-6s %9lld %9.1f %9.1f %9.1f %9.1f %9.1f %9lld %9lld %9.2f\n", label.c_str(),
                   static_cast<long long>(s.count), us(s.minNs), us(s.avgNs), us(s.p50Ns),
-                  us(s.p99Ns), us(s.maxNs), static_cast<long long>(s.overruns), us(s.slipAvgNs));
+                  us(s.p99Ns), us(s.maxNs), static_cast<long long>(s.overruns),
+                  static_cast<long long>(s.missed), us(s.slipAvgNs));
 }
 
-void printHistogram(std::ostream& out, const std::vector<int64_t>& latencies) {
+void printHistogram(std::ostream& out, const std::vector<TimerResult>& timers) {
     Histogram histogram;
-    for (int64_t latency : latencies) histogram.add(latency);
+    for (const TimerResult& timer : timers) {
+        for (int64_t latency : timer.latencies) histogram.add(latency);
+    }
     int first = Histogram::kBuckets;
     int last = -1;
     int64_t largest = 0;
@@ -45,6 +52,7 @@ void printHistogram(std::ostream& out, const std::vector<int64_t>& latencies) {
         last = b;
         largest = std::max(largest, histogram.count(b));
     }
+    if (last < 0) return;
     out << "histogram (all timers, us):\n";
     for (int b = first; b <= last; ++b) {
         const std::string range =
@@ -66,30 +74,35 @@ void printProgress(std::ostream& out, double elapsedSec, int64_t count, int64_t 
         << std::flush;
 }
 
-void printReport(std::ostream& out, const Options& options, double elapsedSec,
-                 const std::vector<TimerResult>& timers, const TimerResult& overall) {
-    const int64_t intervalNs = options.intervalUs * 1000;
-    out << format("timers %d  interval %lld us  clock %s  elapsed %.2f s\n", options.timers,
-                  static_cast<long long>(options.intervalUs), options.clockName.c_str(),
-                  elapsedSec);
-    out << format("%-6s %9s %9s %9s %9s %9s %9s %9s %9s\n", "timer", "count", "min", "avg", "p50",
-                  "p99", "max", "overruns", "slip");
-    for (const TimerResult& timer : timers) {
-        printRow(out, timer.label, summarize(timer.latencies, timer.slips, intervalNs));
-    }
-    printRow(out, overall.label, summarize(overall.latencies, overall.slips, intervalNs));
-    out << "latency, slip: us; overruns: expiries a whole interval late or more\n";
+void printReport(std::ostream& out, const Options& options, const RunFacts& facts,
+                 const std::vector<TimerResult>& timers) {
+    out << "clock " << options.clockName << "  " << describe(facts.thread) << "  memory "
+        << (facts.memoryLocked ? "locked" : "not locked") << "  dma latency " << facts.dmaLatency
+        << "\n";
+    out << format("timers %d  interval %lld us  distance %lld us  elapsed %.2f s\n", options.timers,
+                  static_cast<long long>(options.intervalUs),
+                  static_cast<long long>(options.distanceUs), facts.elapsedSec);
+    out << format("%-6s %9s %9s %9s %9s %9s %9s %9s %9s %9s\n", "timer", "count", "min", "avg",
+                  "p50", "p99", "max", "overruns", "missed", "slip");
+    for (const TimerResult& timer : timers) printRow(out, timer.label, summarize(timer));
+    const Summary all = summarizeAll(timers);
+    printRow(out, "all", all);
+    out << "latency, slip: us; overruns: callbacks a whole interval late or more; missed: "
+           "deadlines without a callback\n";
     // Each deadline is placed no later than it was, so a latency below zero means the
     // clock itself went backwards; shown as measured, and said so.
-    const auto early = std::count_if(overall.latencies.begin(), overall.latencies.end(),
-                                     [](int64_t latency) { return latency < 0; });
+    int64_t early = 0;
+    for (const TimerResult& timer : timers) {
+        early += std::count_if(timer.latencies.begin(), timer.latencies.end(),
+                               [](int64_t latency) { return latency < 0; });
+    }
     if (early > 0) {
         out << format(
             "warning: %lld callbacks ran before their deadline: the %s clock went "
             "backwards\n",
             static_cast<long long>(early), options.clockName.c_str());
     }
-    if (!overall.latencies.empty()) printHistogram(out, overall.latencies);
+    printHistogram(out, timers);
 }
 
 }  // namespace tavrel::timerlat

@@ -1,4 +1,5 @@
-// What tavrel-timerlat prints: the live progress line and the final report.
+// What tavrel-timerlat prints: the live progress line, the report, cyclictest's histogram
+// and the JSON summary.
 #pragma once
 
 #include <cstdint>
@@ -8,21 +9,33 @@
 
 #include "LatencyStats.h"
 #include "Options.h"
+#include "ThreadState.h"
 
 namespace tavrel::timerlat {
 
-// One timer's results, or all timers' together.
-struct TimerResult {
-    std::string label;               // the timer's index, or "all"
-    std::vector<int64_t> latencies;  // ns, in the order of the expiries
-    std::vector<int64_t> slips;      // ns, in the order of the re-arms
+// How the run went, as observed rather than as asked.
+struct RunFacts {
+    ThreadState thread;         // the monitor thread, seen from inside a callback
+    bool memoryLocked = false;  // mlockall succeeded
+    std::string dmaLatency;     // "0 us held", "left alone" or "not held (...)"
+    double elapsedSec = 0;      // from arming the timers to stopping the monitor
 };
 
 // Overwrites the current terminal line with the progress so far.
 void printProgress(std::ostream& out, double elapsedSec, int64_t count, int64_t maxNs);
 
-// The settings line, a table row per result and the histogram of `overall`.
-void printReport(std::ostream& out, const Options& options, double elapsedSec,
-                 const std::vector<TimerResult>& timers, const TimerResult& overall);
+// The header lines, a table row per timer and one for all, the power-of-two histogram.
+void printReport(std::ostream& out, const Options& options, const RunFacts& facts,
+                 const std::vector<TimerResult>& timers);
+
+// cyclictest's histogram: a line per 1 us bucket below `bucketsUs` with a column per
+// timer, then the totals, minimum, average and maximum, overflows and the expiries that
+// overflowed.
+void printCyclicHistogram(std::ostream& out, int64_t bucketsUs,
+                          const std::vector<TimerResult>& timers);
+
+// The settings, the facts, the summary of all timers and each timer's, as one JSON object.
+void printJson(std::ostream& out, const Options& options, const RunFacts& facts,
+               const std::vector<TimerResult>& timers);
 
 }  // namespace tavrel::timerlat

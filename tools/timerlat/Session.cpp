@@ -83,14 +83,20 @@ SessionResult runSession(const Options& options, const std::atomic<bool>& interr
     const int64_t firstDeadlineNs = nowNs(options.clock) + kStartDelayNs;
     std::vector<std::unique_ptr<LatencyProbe>> probes;
     for (int i = 0; i < options.timers; ++i) {
+        // As cyclictest's threads: each timer's period and start one distance later.
         probes.push_back(std::make_unique<LatencyProbe>(
-            i, options.clock, firstDeadlineNs, options.intervalUs * kNsPerUs, options.loops));
+            i, options.clock, firstDeadlineNs + i * options.distanceUs * kNsPerUs,
+            intervalUsOf(options, i) * kNsPerUs, options.loops, !options.traceFile.empty()));
         monitor->attach(probes.back()->timer().get(), probes.back()->timer()->getEventType());
     }
 
     SessionResult result;
     {
-        host::ThreadDriver driver(std::dynamic_pointer_cast<IThreadLoop>(monitor));
+        const int32_t policy = options.schedGiven ? options.policy : host::ThreadDriver::kNotGiven;
+        const int32_t priority =
+            options.schedGiven ? options.priority : host::ThreadDriver::kNotGiven;
+        host::ThreadDriver driver(std::dynamic_pointer_cast<IThreadLoop>(monitor), {}, policy,
+                                  priority);
         const Clock::time_point start = Clock::now();
         for (const auto& probe : probes) probe->start();
         waitForEnd(options, interrupted, progress, probes, start);
@@ -99,14 +105,12 @@ SessionResult runSession(const Options& options, const std::atomic<bool>& interr
         result.elapsedSec = secondsSince(start);
     }
 
-    result.overall.label = "all";
     for (size_t i = 0; i < probes.size(); ++i) {
         monitor->detach(probes[i]->timer().get());
-        TimerResult timer{std::to_string(i), probes[i]->latencies(), probes[i]->slips()};
-        auto& all = result.overall;
-        all.latencies.insert(all.latencies.end(), timer.latencies.begin(), timer.latencies.end());
-        all.slips.insert(all.slips.end(), timer.slips.begin(), timer.slips.end());
-        result.timers.push_back(std::move(timer));
+        result.timers.push_back(
+            TimerResult{std::to_string(i), intervalUsOf(options, static_cast<int>(i)) * kNsPerUs,
+                        probes[i]->latencies(), probes[i]->slips(), probes[i]->missed()});
+        if (!result.thread.seen) result.thread = probes[i]->thread();
     }
     return result;
 }

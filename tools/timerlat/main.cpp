@@ -1,12 +1,16 @@
 // tavrel-timerlat: how late the callbacks of periodic Timers on one event monitor run.
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
+#include <fstream>
 #include <iostream>
+#include <memory>
 #include <string>
 
+#include "HostTuning.h"
 #include "Options.h"
 #include "Report.h"
 #include "Session.h"
@@ -19,11 +23,12 @@ using tavrel::timerlat::ParseResult;
 
 // Exit status of a command line that cannot be run.
 constexpr int kBadUsageExit = 2;
-// Exit status when the trace file cannot be opened.
-constexpr int kTraceExit = 1;
+// Exit status when something the options ask for is refused: a privilege or a file.
+constexpr int kRefusedExit = 1;
 // Every category of the library's trace points, and the camera tag that gates them all.
 constexpr uint64_t kAllTraceBits = ~uint64_t{0};
 constexpr uint64_t kCameraTraceTag = 0x400;
+constexpr mode_t kTraceFileMode = 0644;
 
 // Set by SIGINT and SIGTERM: end the run early and still report.
 std::atomic<bool> sInterrupted{false};
@@ -40,11 +45,23 @@ void installSignalHandlers() {
     sigaction(SIGTERM, &action, nullptr);
 }
 
-bool startTracing(const std::string& path) {
-    if (!tavrel::host::setTraceFile(path.c_str())) return false;
+// A new run starts the file afresh, so that it holds one header and one process.
+bool startTracing(const Options& options) {
+    if (!options.traceAppend) {
+        const int fd = open(options.traceFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
+                            kTraceFileMode);
+        if (fd < 0) return false;
+        close(fd);
+    }
+    if (!tavrel::host::setTraceFile(options.traceFile.c_str())) return false;
     tavrel::host::setTavrelTraceBits(kAllTraceBits);
     tavrel::host::setAtraceEnabledTags(kCameraTraceTag);
     return true;
+}
+
+int refuse(const char* program, const std::string& why) {
+    std::cerr << program << ": " << why << "\n";
+    return kRefusedExit;
 }
 
 }  // namespace
@@ -63,16 +80,53 @@ int main(int argc, char** argv) {
         case ParseResult::kRun:
             break;
     }
-    if (!options.traceFile.empty() && !startTracing(options.traceFile)) {
-        std::cerr << argv[0] << ": cannot write the trace file " << options.traceFile << "\n";
-        return kTraceExit;
+    // Files are opened before the run, so that a bad path does not cost one.
+    std::ofstream json;
+    if (!options.jsonFile.empty()) json.open(options.jsonFile);
+    if (!options.jsonFile.empty() && !json) {
+        return refuse(argv[0], "cannot write the JSON file " + options.jsonFile);
+    }
+    std::ofstream histogramFile;
+    if (!options.histogramFile.empty()) histogramFile.open(options.histogramFile);
+    if (!options.histogramFile.empty() && !histogramFile) {
+        return refuse(argv[0], "cannot write the histogram file " + options.histogramFile);
+    }
+    if (!options.traceFile.empty() && !startTracing(options)) {
+        return refuse(argv[0], "cannot write the trace file " + options.traceFile);
+    }
+
+    tavrel::timerlat::RunFacts facts;
+    if (options.lockMemory) {
+        error = tavrel::timerlat::lockAllMemory();
+        if (!error.empty()) return refuse(argv[0], error);
+        facts.memoryLocked = true;
+    }
+    tavrel::timerlat::requestAffinity(options.cpus);
+    error = tavrel::timerlat::tryThreadSettings(options);
+    if (!error.empty()) return refuse(argv[0], error);
+    std::unique_ptr<tavrel::timerlat::DmaLatencyHold> dmaLatency;
+    facts.dmaLatency = "left alone";
+    if (options.holdDmaLatency) {
+        dmaLatency = std::make_unique<tavrel::timerlat::DmaLatencyHold>();
+        facts.dmaLatency = dmaLatency->state();
+        if (!dmaLatency->held()) {
+            std::cerr << argv[0] << ": dma latency " << facts.dmaLatency
+                      << "; deep CPU idle states stay allowed (--laptop: leave it alone without "
+                         "this warning)\n";
+        }
     }
     installSignalHandlers();
 
     const bool live = !options.quiet && isatty(STDOUT_FILENO);
     const auto result =
         tavrel::timerlat::runSession(options, sInterrupted, live ? &std::cout : nullptr);
-    tavrel::timerlat::printReport(std::cout, options, result.elapsedSec, result.timers,
-                                  result.overall);
+    facts.thread = result.thread;
+    facts.elapsedSec = result.elapsedSec;
+    tavrel::timerlat::printReport(std::cout, options, facts, result.timers);
+    if (options.histogramUs > 0) {
+        std::ostream& out = options.histogramFile.empty() ? std::cout : histogramFile;
+        tavrel::timerlat::printCyclicHistogram(out, options.histogramUs, result.timers);
+    }
+    if (json.is_open()) tavrel::timerlat::printJson(json, options, facts, result.timers);
     return 0;
 }

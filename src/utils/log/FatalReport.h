@@ -35,15 +35,17 @@ void driverReport(const char* format, int err);
 
 }  // namespace NSCam::NSTavrel::Log
 
-// Ends the process after a broken invariant. `function` names the statement's function.
-#define TAVREL_FATAL_IN(function, format, ...)                                            \
+// Ends the process after a broken invariant: TAVREL_FATAL(format, args...), or with the
+// function's name first, TAVREL_FATAL_IN(function, format, args...).
+#define TAVREL_FATAL_IN_(function, format, ...)                                           \
     do {                                                                                  \
         if (false) ::NSCam::NSTavrel::Log::checkFormat(format, __VA_ARGS__);              \
-        ::NSCam::NSTavrel::Log::assertionReport(kLogSite, __LINE__, function, format,     \
+        ::NSCam::NSTavrel::Log::assertionReport(kLogSite, tavrelLine, function, format,   \
                                                 format TAVREL_ERROR_SUFFIX, __VA_ARGS__); \
     } while (0)
-
-#define TAVREL_FATAL(format, ...) TAVREL_FATAL_IN(__func__, format, __VA_ARGS__)
+#define TAVREL_FATAL_(format, ...) TAVREL_FATAL_IN_(__func__, format, __VA_ARGS__)
+#define TAVREL_FATAL_IN TAVREL_AT_THIS_LINE TAVREL_FATAL_IN_
+#define TAVREL_FATAL TAVREL_AT_THIS_LINE TAVREL_FATAL_
 
 // The driver report's format for `request`, the request's name as a literal, e.g.
 // "VIDIOC_QBUF".

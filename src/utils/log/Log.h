@@ -121,33 +121,47 @@ __attribute__((format(printf, 1, 2))) inline void checkFormat(const char*, ...) 
 // The long form of an error line ends with the function, line and source path.
 #define TAVREL_ERROR_SUFFIX " (%s){#%d:%s}"
 
+// A statement reports the line of its macro's name. Inside a function-like macro call that
+// spans lines __LINE__ is the first line to GCC and the last to Clang, so every statement
+// macro is object-like: it fixes the line where its name stands, then takes its arguments
+// through a function-like macro of its own.
+#define TAVREL_AT_THIS_LINE                              \
+    switch (const int tavrelLine = __LINE__; tavrelLine) \
+    default:
+
 // `function` names the statement's function where __func__ would not (inside a lambda
 // that logs for the function that made it).
-#define TAVREL_LOG_IN(level, function, format, ...)                                        \
+#define TAVREL_LOG_IN_(level, function, format, ...)                                       \
     do {                                                                                   \
         if (false) ::NSCam::NSTavrel::Log::checkFormat(format, __VA_ARGS__);               \
-        ::NSCam::NSTavrel::Log::statement<level>(kLogSite, __LINE__, function, format,     \
+        ::NSCam::NSTavrel::Log::statement<level>(kLogSite, tavrelLine, function, format,   \
                                                  format TAVREL_ERROR_SUFFIX, __VA_ARGS__); \
     } while (0)
 
-#define TAVREL_LOG_AT(level, format, ...) TAVREL_LOG_IN(level, __func__, format, __VA_ARGS__)
-
-#define TAVREL_LOGE_IN(function, format, ...) \
-    TAVREL_LOG_IN(::NSCam::NSTavrel::Log::Level::kError, function, format, __VA_ARGS__)
-#define TAVREL_LOGW_IN(function, format, ...) \
-    TAVREL_LOG_IN(::NSCam::NSTavrel::Log::Level::kWarning, function, format, __VA_ARGS__)
-
-#define TAVREL_LOGE(format, ...) \
-    TAVREL_LOG_AT(::NSCam::NSTavrel::Log::Level::kError, format, __VA_ARGS__)
-#define TAVREL_LOGW(format, ...) \
-    TAVREL_LOG_AT(::NSCam::NSTavrel::Log::Level::kWarning, format, __VA_ARGS__)
-#define TAVREL_LOGI(format, ...) \
-    TAVREL_LOG_AT(::NSCam::NSTavrel::Log::Level::kInfo, format, __VA_ARGS__)
-#define TAVREL_LOGV(format, ...) \
-    TAVREL_LOG_AT(::NSCam::NSTavrel::Log::Level::kVerbose, format, __VA_ARGS__)
-
+#define TAVREL_LOGE_IN_(function, format, ...) \
+    TAVREL_LOG_IN_(::NSCam::NSTavrel::Log::Level::kError, function, format, __VA_ARGS__)
+#define TAVREL_LOGW_IN_(function, format, ...) \
+    TAVREL_LOG_IN_(::NSCam::NSTavrel::Log::Level::kWarning, function, format, __VA_ARGS__)
+#define TAVREL_LOGE_(format, ...) TAVREL_LOGE_IN_(__func__, format, __VA_ARGS__)
+#define TAVREL_LOGW_(format, ...) TAVREL_LOGW_IN_(__func__, format, __VA_ARGS__)
+#define TAVREL_LOGI_IN_(function, format, ...) \
+    TAVREL_LOG_IN_(::NSCam::NSTavrel::Log::Level::kInfo, function, format, __VA_ARGS__)
+#define TAVREL_LOGI_(format, ...) TAVREL_LOGI_IN_(__func__, format, __VA_ARGS__)
+#define TAVREL_LOGV_(format, ...) \
+    TAVREL_LOG_IN_(::NSCam::NSTavrel::Log::Level::kVerbose, __func__, format, __VA_ARGS__)
 // A verbose line of a class: its own switch (mLogv) is tested before anything else.
-#define TAVREL_CLASS_LOGV(classLogv, format, ...)        \
-    do {                                                 \
-        if (classLogv) TAVREL_LOGV(format, __VA_ARGS__); \
+#define TAVREL_CLASS_LOGV_(classLogv, format, ...)        \
+    do {                                                  \
+        if (classLogv) TAVREL_LOGV_(format, __VA_ARGS__); \
     } while (0)
+
+// The statements: TAVREL_LOGE(format, args...) and so on; the _IN forms take the
+// function's name first.
+#define TAVREL_LOGE_IN TAVREL_AT_THIS_LINE TAVREL_LOGE_IN_
+#define TAVREL_LOGW_IN TAVREL_AT_THIS_LINE TAVREL_LOGW_IN_
+#define TAVREL_LOGI_IN TAVREL_AT_THIS_LINE TAVREL_LOGI_IN_
+#define TAVREL_LOGE TAVREL_AT_THIS_LINE TAVREL_LOGE_
+#define TAVREL_LOGW TAVREL_AT_THIS_LINE TAVREL_LOGW_
+#define TAVREL_LOGI TAVREL_AT_THIS_LINE TAVREL_LOGI_
+#define TAVREL_LOGV TAVREL_AT_THIS_LINE TAVREL_LOGV_
+#define TAVREL_CLASS_LOGV TAVREL_AT_THIS_LINE TAVREL_CLASS_LOGV_

@@ -17,12 +17,6 @@ constexpr uint32_t kModuleCheckedLevel = 5;
 constexpr uint32_t kModuleGroupBits = 0xfff00000;
 constexpr uint32_t kModuleUnitBits = 0x000ff000;
 
-// Copies `tag` into `out`, cut to fit and terminated; returns `out`.
-const char* copyTag(char* out, size_t size, const char* tag) {
-    std::snprintf(out, size, "%s", tag);
-    return out;
-}
-
 uint32_t loadSwitch(const std::atomic<uint32_t>& value) {
     return value.load(std::memory_order_relaxed);
 }
@@ -53,7 +47,9 @@ ULogPrinter::ULogPrinter(const char* tag, uint32_t moduleId, uint32_t level,
     : mLevel(level),
       mModuleId(moduleId),
       mTag(),
-      mLogPrinter(copyTag(mTag, sizeof(mTag), tag), priority, prefix, ignoreBlankLines) {}
+      mLogPrinter(tag, priority, prefix, ignoreBlankLines) {
+    std::snprintf(mTag, sizeof(mTag), "%s", tag);
+}
 
 ULogPrinter::~ULogPrinter() = default;
 

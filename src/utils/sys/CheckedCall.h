@@ -4,6 +4,7 @@
 // for calls that return a pointer.
 #pragma once
 
+#include <algorithm>
 #include <cerrno>
 #include <tuple>
 #include <type_traits>
@@ -124,7 +125,7 @@ __attribute__((always_inline)) inline auto checked(const Rule& rule, const char*
 
 // For calls whose success value is 0 by contract, whatever the call returned.
 inline int zeroOnSuccess(int result) {
-    return result < 0 ? result : 0;
+    return std::min(result, 0);
 }
 
 }  // namespace NSCam::NSTavrel::System::internal

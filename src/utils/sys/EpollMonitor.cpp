@@ -10,6 +10,8 @@
 #include <cstring>
 #include <memory>
 #include <sstream>
+#include <thread>
+#include <utility>
 
 #include "tavrel/SystemCall.h"
 #include "tavrel/ULogPrinter.h"
@@ -71,6 +73,10 @@ __attribute__((format(printf, 2, 3))) const char* formatTraceName(char* name, co
 
 // What stands for a descriptor not asked for.
 constexpr int kNoFd = -1;
+
+// Put in place of the observer of a ready entry whose observer the monitor thread detached
+// during the batch: dispatch skips it. Only its address matters.
+char sDetachedEntry;
 
 // Info lines with state dumps are costly to build; build them only when they are written.
 bool infoLinesOn() {
@@ -216,14 +222,26 @@ void EpollMonitor::detach(IEventObserver* observer) {
     Trace::Section section(Trace::kDetach, mDetachTraceName.c_str());
     const int fd = observer->getEventFD();
     if (mLogv != 0) TAVREL_LOGI("[%s] (%d, %p)", "detach", fd, static_cast<void*>(observer));
-    if (!removeFromRegistry(fd)) reportMisuse("detach", kNotAttachedMessage, fd, observer);
+    IEventObserver* const removed = removeFromRegistry(fd);
+    if (removed == nullptr) reportMisuse("detach", kNotAttachedMessage, fd, observer);
+    // On the monitor thread the batch being dispatched may still hold an entry of the
+    // removed observer, which may be freed as soon as this returns.
+    if (std::this_thread::get_id() == mLoopThread.load(std::memory_order_relaxed)) {
+        skipInBatch(removed);
+    }
     mDetachCount.fetch_add(1, std::memory_order_relaxed);
     Trace::counter(Trace::kObserverCounter, mFdObserverCountTraceName.c_str(),
                    static_cast<int32_t>(determineFdObserverCount()));
     Trace::asyncEnd(Trace::kObserverSpan, mFdObserverTraceName.c_str(), fd);
 }
 
-bool EpollMonitor::removeFromRegistry(int fd) {
+void EpollMonitor::skipInBatch(IEventObserver* observer) {
+    for (struct epoll_event& entry : mEpollEvents) {
+        if (entry.data.ptr == observer) entry.data.ptr = &sDetachedEntry;
+    }
+}
+
+IEventObserver* EpollMonitor::removeFromRegistry(int fd) {
     // A removal the kernel refuses (the owner closed the descriptor first, say) is only
     // logged: the registration is gone either way.
     const auto removeFromEpoll = [this](int removedFd) {
@@ -237,10 +255,9 @@ bool EpollMonitor::removeFromRegistry(int fd) {
     MutexLock lock(mFdObserverMapLock);
     // Found by descriptor alone; an unknown one is left behind as a null entry.
     IEventObserver*& entry = mFdObserverMap[fd];
-    if (entry == nullptr) return false;
-    entry = nullptr;
-    removeFromEpoll(fd);
-    return true;
+    IEventObserver* const removed = std::exchange(entry, nullptr);
+    if (removed != nullptr) removeFromEpoll(fd);
+    return removed;
 }
 
 void EpollMonitor::reportMisuse(const char* operation, const char* message, int fd,
@@ -290,6 +307,7 @@ __attribute__((always_inline)) inline void EpollMonitor::dispatch(struct epoll_e
     // No lock and no map lookup: the registration's own data names the observer, so
     // observers may attach and detach from inside onEvent.
     for (unsigned long i = 0; i < count; ++i) {
+        if (events[i].data.ptr == &sDetachedEntry) continue;
         IEventObserver* observer = static_cast<IEventObserver*>(events[i].data.ptr);
         const uint32_t mask = events[i].events;
         if (__builtin_expect(observer == nullptr, 0)) {
@@ -301,9 +319,9 @@ __attribute__((always_inline)) inline void EpollMonitor::dispatch(struct epoll_e
         if constexpr (kLogv) {
             fd = observer->getEventFD();
             if (infoLinesOn()) {
-                TAVREL_LOGI("[%s] + fd=%d events=%#x observer=%p %s %s", "handleEvents", fd, mask,
-                            static_cast<void*>(observer), toString_config().c_str(),
-                            toString_runtime().c_str());
+                TAVREL_LOGI_IN("handleEvents", "[%s] + fd=%d events=%#x observer=%p %s %s",
+                               "handleEvents", fd, mask, static_cast<void*>(observer),
+                               toString_config().c_str(), toString_runtime().c_str());
             }
         }
         {
@@ -319,7 +337,9 @@ __attribute__((always_inline)) inline void EpollMonitor::dispatch(struct epoll_e
                 traceName, observer, fd);
             observer->onEvent(IEventObserver::OnEvent{monitor, mask});
         }
-        if constexpr (kLogv) TAVREL_LOGI("[%s] - fd=%d events=%#x", "handleEvents", fd, mask);
+        if constexpr (kLogv) {
+            TAVREL_LOGI_IN("handleEvents", "[%s] - fd=%d events=%#x", "handleEvents", fd, mask);
+        }
     }
 }
 
@@ -338,6 +358,7 @@ __attribute__((always_inline)) inline int EpollMonitor::tryEpoll(int timeoutMs) 
 
 bool EpollMonitor::threadLoop() {
     Trace::Section section(Trace::kMonitorLife, "threadLoop");
+    mLoopThread.store(std::this_thread::get_id(), std::memory_order_relaxed);
     if (infoLinesOn()) {
         TAVREL_LOGI("[%s] + %s %s", "threadLoop", toString_config().c_str(),
                     toString_runtime().c_str());

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <unordered_map>
 
 #include "tavrel/IEpollMonitor.h"
@@ -101,8 +102,11 @@ private:
     // Stores the observer and registers it with epoll; false on a duplicate or a refusal.
     bool addToRegistry(int fd, IEventObserver* observer, int events)
         TAVREL_EXCLUDES(mFdObserverMapLock);
-    // Nulls the entry and removes the registration; false when nothing was attached.
-    bool removeFromRegistry(int fd) TAVREL_EXCLUDES(mFdObserverMapLock);
+    // Nulls the entry and removes the registration; returns the observer removed, or null
+    // when nothing was attached.
+    IEventObserver* removeFromRegistry(int fd) TAVREL_EXCLUDES(mFdObserverMapLock);
+    // Monitor thread. Makes dispatch skip what is left of `observer` in the current batch.
+    void skipInBatch(IEventObserver* observer);
     FdObserverMap copyFdObserverMap() const TAVREL_EXCLUDES(mFdObserverMapLock);
 
     // Dumps the state to the error log under `operation` and ends the process. `message`
@@ -124,8 +128,12 @@ private:
     std::atomic<uint32_t> mAttachCount{0};  // attach calls, failed ones included
     std::atomic<uint32_t> mDetachCount{0};  // completed detach calls
     std::atomic<bool> mActive{true};        // the loop runs while set; requestExit clears it
-    struct epoll_event mEpollEvents[kMaxEpollEvents];  // one wait's results, monitor thread
-    mutable Mutex mFdObserverMapLock;                  // keeps the map and the epoll set in step
+    // The thread running threadLoop: a detach made there must reach the current batch.
+    std::atomic<std::thread::id> mLoopThread{};
+    // One wait's results, monitor thread only; zeroed so that a detach on the monitor
+    // thread can scan all of it, results of earlier waits included.
+    struct epoll_event mEpollEvents[kMaxEpollEvents] = {};
+    mutable Mutex mFdObserverMapLock;  // keeps the map and the epoll set in step
     // Keys are never erased: a null value marks a descriptor that was detached.
     FdObserverMap mFdObserverMap TAVREL_GUARDED_BY(mFdObserverMapLock);
 };

@@ -120,8 +120,9 @@ void Timer::enableEdgeTrigger() {
     {
         std::lock_guard<std::mutex> lock(mMutex);
         const bool readOk = System::TimerFDGetTime(mFd, &cur) >= 0;
-        cur = rearmSetting(cur, readOk);
-        System::TimerFDSetTime(mFd, kRelative, &cur, nullptr);
+        const itimerspec next = rearmSetting(cur, readOk, mArmed);
+        System::TimerFDSetTime(mFd, kRelative, &next, nullptr);
+        mArmed = !isZero(next.it_value);
     }
     TAVREL_CLASS_LOGV(mLogv, "[%s] %-7s: %s", __func__, mName.c_str(),
                       NSTavrel::toString(cur).c_str());
@@ -132,6 +133,7 @@ void Timer::startTimerAbsoluteTime(const timespec* value, const timespec* interv
     {
         std::lock_guard<std::mutex> lock(mMutex);
         System::TimerFDSetTime(mFd, TFD_TIMER_ABSTIME, &setting, nullptr);
+        mArmed = !isZero(setting.it_value);
     }
     TAVREL_CLASS_LOGV(mLogv, "[%s] %-7s: %s", __func__, mName.c_str(),
                       NSTavrel::toString(setting).c_str());
@@ -142,6 +144,7 @@ void Timer::stopTimer() {
     {
         std::lock_guard<std::mutex> lock(mMutex);
         System::TimerFDSetTime(mFd, kRelative, &zero, nullptr);
+        mArmed = false;
     }
     TAVREL_CLASS_LOGV(mLogv, "[%s] %-7s: %s", __func__, mName.c_str(),
                       NSTavrel::toString(zero).c_str());

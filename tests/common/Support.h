@@ -1,0 +1,202 @@
+// What every test program shares: capture of both log routes, of trace markers and of
+// stderr; log text read back as entries; temporary folders; programs run in a child;
+// running monitors and an eventfd observer.
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "tavrel/IEpollMonitor.h"
+#include "tavrel/IThreadLoop.h"
+#include "tavrel/ThreadDriver.h"
+#include "tavrel/platform/DebugPrint.h"
+#include "tavrel/platform/Properties.h"
+#include "tavrel/platform/ULogger.h"
+#include "tavrel/platform/UniqueFd.h"
+
+namespace tavrel::test {
+
+using Lines = std::vector<std::string>;
+using NSCam::NSTavrel::IEpollMonitor;
+using NSCam::NSTavrel::IEventObserver;
+using NSCam::NSTavrel::IThreadLoop;
+using OnEvent = IEventObserver::OnEvent;
+
+std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+inline Lines operator+(Lines a, const Lines& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// Source line numbers in a log text as N ("Read() ... {#N:src/...}"), so that expectations
+// do not move with the sources.
+std::string withoutLineNumbers(const std::string& text);
+
+// The unified logger's switches and the library's bit (55) in the debug-print level table.
+struct LogSwitches {
+    uint32_t mode = 0x3;  // both routes
+    uint32_t details = 5;
+    uint32_t mask = 0x08002000;
+    bool bit55 = true;
+};
+
+// Records both log routes while alive, with the switches set as asked; restores them.
+class LogCapture : public NSCam::Utils::ULog::ULogger {
+public:
+    explicit LogCapture(LogSwitches switches = {});
+    ~LogCapture() override;
+    void writeLine(uint32_t module, const char* tag, int level, const char* text,
+                   int length) override;
+    // Unified lines as "<level> <tag> <module> <length> <text>".
+    Lines unified() const { return copy(mUnified); }
+    // Debug-print lines as "<level> <tag> <text>", line numbers as N.
+    Lines debug() const { return copy(mDebug); }
+    // The unified lines' texts alone.
+    Lines texts() const { return copy(mTexts); }
+
+private:
+    Lines copy(const Lines& lines) const;
+    mutable std::mutex mMutex;               // guards the records
+    Lines mUnified, mDebug, mTexts;          // in order
+    NSCam::Utils::ULog::ULogger* mPrevious;  // what is put back
+    LogSwitches mSaved;
+    uint64_t mSavedBits[kLogInfoLevels];
+};
+
+// A trace marker without its process id: "B|12|name" gives "B|name", "E|12" gives "E".
+std::string withoutPid(const std::string& marker);
+
+// Records trace markers without their process id while alive, with the library's category
+// bits and the atrace tags set as asked.
+class TraceCapture {
+public:
+    explicit TraceCapture(uint64_t bits, uint64_t tags = 0x400);
+    ~TraceCapture();
+    Lines markers() const;
+
+private:
+    mutable std::mutex mMutex;  // guards mMarkers
+    Lines mMarkers;
+};
+
+// Sends stderr to a file while alive.
+class StderrCapture {
+public:
+    StderrCapture();
+    ~StderrCapture();
+    std::string text() const;
+
+private:
+    host::UniqueFd mSaved, mFile;  // the real stderr, and the file meanwhile
+};
+
+// Log output read back: each Android-log or host-log line as "L tag: text" (L the level
+// letter, line numbers as N), continuation lines kept with their entry, others as they are.
+Lines logEntries(const std::string& text);
+
+// For death tests: the child's stderr holds exactly these entries.
+testing::Matcher<const std::string&> entriesAre(const Lines& entries);
+
+// A folder removed with its content when the object goes.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    const std::string& path() const { return mPath; }
+    // Writes a file into the folder; returns its path.
+    std::string write(const std::string& name, const std::string& content) const;
+
+private:
+    std::string mPath;
+};
+
+struct Outcome {
+    int status;       // exit status, or 128 + the signal that ended it
+    std::string out;  // stdout and stderr together
+};
+
+// The command line that runs `program` with `arguments`: in a cross build the emulator's
+// words come first (CTest passes them in TAVREL_TEST_EMULATOR, apart by spaces), since the
+// host runs an Arm program only through it.
+Lines commandFor(const std::string& program, const Lines& arguments = {});
+
+// This program's path, read through readlink(): valgrind and qemu answer it with the
+// program they run, where executing /proc/self/exe would start them instead.
+std::string selfExecutable();
+
+// Runs `command` (through the emulator of a cross build) with `env` added to its
+// environment.
+Outcome run(const Lines& command, const Lines& env = {});
+
+// Runs the disabled test `name` of this program in a child whose property file holds
+// `properties`: for what the libraries fix when they load.
+Outcome runWithProperties(const std::string& name, const std::string& properties);
+
+// Leaves this process `spare` descriptor numbers more to make, all others taken. Makes a
+// virtual call on the unified logger first: UBSan checks an object's type the first time
+// through a pipe of its own, which it could not open afterwards.
+void limitDescriptors(int spare);
+
+// Polls `done` until it holds; false when a generous guard runs out first.
+bool waitUntil(const std::function<bool()>& done);
+
+// Keeps what is printed to it.
+class RecordingPrinter : public NSCam::IPrinter {
+public:
+    void printLine(const char* line) override { lines.push_back(line); }
+    void printFormatLine(const char* fmt, ...) override;
+    Lines lines;
+};
+
+Lines dumpOf(const IEpollMonitor& monitor);
+
+// Sets (or with null unsets) a property for the object's life.
+struct ScopedProperty {
+    ScopedProperty(const char* key, const char* value) : key(key) {
+        host::property_set(key, value);
+    }
+    ~ScopedProperty() { host::property_set(key, nullptr); }
+    const char* key;
+};
+
+// A monitor run by a thread of its own until the object goes.
+struct RunningMonitor {
+    explicit RunningMonitor(const char* name = "test");
+    std::shared_ptr<IEpollMonitor> monitor;
+    host::ThreadDriver driver;
+};
+
+// An observer of a descriptor it does not own: runs the hook on each event, then counts it
+// (a test that waits for the count may then let the observer go).
+struct FdObserver : IEventObserver {
+    explicit FdObserver(int number, std::function<void(const OnEvent&)> onEach = {})
+        : fd(number), hook(std::move(onEach)) {}
+    int getEventFD() const override { return fd; }
+    void onEvent(const OnEvent& event) override {
+        if (hook) hook(event);
+        ++calls;
+    }
+    int fd;                                    // also once closed, for an EventObserver
+    std::function<void(const OnEvent&)> hook;  // runs on the monitor thread
+    std::atomic<int> calls{0};
+};
+
+// An observer of an eventfd of its own, which each event reads dry before the hook runs.
+struct EventObserver : FdObserver {
+    explicit EventObserver(std::function<void(const OnEvent&)> onEach = {});
+    void onEvent(const OnEvent& event) override;
+    void signal() const;
+    // Closes the eventfd, as an owner that forgets to detach first; the number stays.
+    void closeFd() { owned.reset(); }
+    host::UniqueFd owned;            // the eventfd
+    std::atomic<uint64_t> units{0};  // counts read
+};
+
+}  // namespace tavrel::test

@@ -1,0 +1,232 @@
+// The monitor with observers coming and going: detaches inside a batch, signals at the loop
+// thread, a seeded walk checked against a model and the kernel's epoll set, and threads
+// racing each other and the monitor thread.
+#include <pthread.h>
+#include <signal.h>
+#include <sys/epoll.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <regex>
+#include <set>
+#include <thread>
+
+#include "common/Support.h"
+#include "tavrel/Timer.h"
+
+namespace tavrel::test {
+namespace {
+
+struct Loop {
+    std::shared_ptr<IEpollMonitor> monitor = IEpollMonitor::make("batch");
+    std::shared_ptr<IThreadLoop> thread = std::dynamic_pointer_cast<IThreadLoop>(monitor);
+};
+
+// Regression: observer A's onEvent detached and deleted B while B's entry was later in the
+// same batch, and the loop then called B through a dangling pointer.
+TEST(DetachInBatch, ADetachedObserverIsNotCalledForTheRestOfTheBatch) {
+    const Loop loop;
+    int calls = 0;
+    std::unique_ptr<EventObserver> observers[2];
+    for (int i = 0; i < 2; ++i) {
+        // Whichever of the two comes first detaches and deletes the other.
+        observers[i] = std::make_unique<EventObserver>([&, i](const OnEvent&) {
+            ++calls;
+            loop.monitor->detach(observers[1 - i].get());
+            observers[1 - i].reset();
+        });
+    }
+    EventObserver last([&](const OnEvent&) { loop.thread->requestExit(); });
+    for (EventObserver* observer : {observers[0].get(), observers[1].get(), &last}) {
+        loop.monitor->attach(observer, EPOLLIN);
+        observer->signal();
+    }
+    loop.thread->threadLoop();
+    EXPECT_EQ(calls * 10 + last.calls, 11);
+    for (auto& observer : observers) {
+        if (observer != nullptr) loop.monitor->detach(observer.get());
+    }
+    loop.monitor->detach(&last);
+}
+
+// Regression: A detached B, closed its descriptor and attached C, which got the same
+// number; B's stale entry in the batch must reach neither B nor C.
+TEST(DetachInBatch, AStaleEntryReachesNeitherItsObserverNorTheNextOwnerOfItsNumber) {
+    const Loop loop;
+    EventObserver b;
+    std::unique_ptr<EventObserver> c;
+    EventObserver a([&](const OnEvent&) {
+        loop.monitor->detach(&b);
+        b.closeFd();
+        c = std::make_unique<EventObserver>();
+        loop.monitor->attach(c.get(), EPOLLIN);
+        loop.thread->requestExit();
+    });
+    for (EventObserver* observer : {&a, &b}) {
+        loop.monitor->attach(observer, EPOLLIN);
+        observer->signal();
+    }
+    loop.thread->threadLoop();
+    ASSERT_EQ(c->getEventFD(), b.getEventFD());
+    EXPECT_EQ(b.calls + c->calls, 0);
+    loop.monitor->detach(&a);
+    loop.monitor->detach(c.get());
+}
+
+// The kernel's epoll set as "(fd, mask, data)" entries, from the epoll descriptor's fdinfo.
+std::set<std::string> kernelSet(int epollFd) {
+    std::ifstream info(format("/proc/self/fdinfo/%d", epollFd));
+    std::set<std::string> set;
+    for (std::string word, fd, events, data; info >> word;) {
+        if (word == "tfd:" && info >> fd >> word >> events >> word >> data) {
+            set.insert("(" + fd + ", " + events + ", 0x" + data + ")");
+        }
+    }
+    return set;
+}
+
+TEST(Registry, ASeededWalkKeepsCountsDumpAndKernelSetInStepWithAModel) {
+    const char* given = std::getenv("TAVREL_SEED");
+    const unsigned seed = given != nullptr ? std::stoul(given) : std::random_device{}();
+    SCOPED_TRACE("TAVREL_SEED=" + std::to_string(seed));
+    std::mt19937 random(seed);
+    const auto monitor = IEpollMonitor::make("walk");
+    const std::string first = dumpOf(*monitor).at(0);
+    const int epollFd = std::stoi(first.substr(first.find(".mEpollFd=") + 10));
+    const std::string self =
+        format("(%d, 19, %p)", std::stoi(first.substr(first.find(".mEventFd=") + 10)),
+               std::dynamic_pointer_cast<IEventObserver>(monitor).get());
+    std::vector<std::unique_ptr<EventObserver>> pool(6);
+    for (auto& observer : pool) observer = std::make_unique<EventObserver>();
+    std::map<int, std::pair<const void*, unsigned>> model;  // the observer is null once detached
+    int attaches = 0, detaches = 0;
+    const unsigned masks[] = {EPOLLIN, EPOLLIN | EPOLLET, EPOLLPRI, EPOLLIN | EPOLLOUT};
+    for (int step = 0; step < 300; ++step) {
+        std::unique_ptr<EventObserver>& observer = pool[random() % pool.size()];
+        const int fd = observer->getEventFD(), op = int(random() % 4);
+        const bool attached = model.count(fd) != 0 && model[fd].first != nullptr;
+        const unsigned mask = masks[random() % 4];
+        FdObserver other(fd);  // detaches by descriptor, as the registered observer would
+        if (op == 0 && !attached) {
+            monitor->attach(observer.get(), int(mask));
+            model[fd] = {observer.get(), mask};
+            ++attaches;
+        } else if (op == 1 && attached) {
+            monitor->modify(observer.get(), int(model[fd].second = mask));
+        } else if (op == 2 && attached) {
+            monitor->detach(random() % 2 != 0 ? &other
+                                              : static_cast<IEventObserver*>(observer.get()));
+            model[fd].first = nullptr;
+            ++detaches;
+        } else if (op == 3 && !attached) {
+            observer = std::make_unique<EventObserver>();  // its number is free for reuse
+        }
+        std::set<std::string> entries, dumped, kernel = {self};
+        for (const auto& [number, registration] : model) {
+            if (registration.first == nullptr) continue;
+            entries.insert(format("(%d, %p)", number, registration.first));
+            // EPOLLERR and EPOLLHUP are always on.
+            kernel.insert(format("(%d, %x, %p)", number, registration.second | EPOLLERR | EPOLLHUP,
+                                 registration.first));
+        }
+        const std::string runtime = dumpOf(*monitor).at(1);
+        static const std::regex pair(R"(\(\d+, 0x[0-9a-f]+\))");
+        for (std::sregex_iterator it(runtime.begin(), runtime.end(), pair), end; it != end; ++it) {
+            dumped.insert(it->str());
+        }
+        ASSERT_EQ(dumped, entries) << "step " << step;
+        ASSERT_EQ(runtime.find(format("{ #attach=%d #detach=%d .mActive=1", attaches, detaches)),
+                  4u);
+        ASSERT_EQ(kernelSet(epollFd), kernel) << "step " << step;
+    }
+    for (const auto& [number, registration] : model) {
+        FdObserver other(number);
+        if (registration.first != nullptr) monitor->detach(&other);
+    }
+}
+
+size_t openDescriptors() {
+    return static_cast<size_t>(
+        std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+}
+
+// Threads attach, signal, modify and detach eventfds and timers on one running monitor
+// while a relay attaches and detaches from inside onEvent on the monitor thread, and
+// signals interrupt its waits. Runs half a second, or TAVREL_SOAK_SECONDS (scripts/soak.sh).
+TEST(MonitorStress, EveryUnitIsConsumedEveryRegistrationUndoneAndNothingLogged) {
+    const size_t before = openDescriptors();
+    struct sigaction action {
+    }, previous{};
+    action.sa_handler = [](int) {};
+    ::sigaction(SIGUSR1, &action, &previous);  // without SA_RESTART: waits end with EINTR
+    const LogCapture capture({3, 2});
+    const char* soak = std::getenv("TAVREL_SOAK_SECONDS");
+    const auto end = std::chrono::steady_clock::now() +
+                     std::chrono::milliseconds(soak != nullptr ? std::stol(soak) * 1000 : 500);
+    std::atomic<uint64_t> written{0}, consumed{0}, operations{0};
+    std::atomic<int> relayed{0}, lost{0};
+    {
+        std::shared_ptr<IEpollMonitor> monitor;  // for the relay, which lives longer than the loop
+        EventObserver helper, relay([&](const OnEvent&) {
+            monitor->attach(&helper, EPOLLIN);
+            monitor->detach(&helper);
+            ++relayed;
+        });
+        RunningMonitor running;
+        monitor = running.monitor;
+        running.monitor->attach(&relay, EPOLLIN);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&, t] {
+                const timespec past{0, 1}, once{};
+                // Once a signal to this thread's own barrier has been dispatched, every batch
+                // that could still hold its detached observers has ended.
+                EventObserver barrier;
+                running.monitor->attach(&barrier, EPOLLIN);
+                while (std::chrono::steady_clock::now() < end) {
+                    EventObserver observer;
+                    std::atomic<int> fired{0};
+                    const auto timer = std::make_shared<NSCam::NSTavrel::Timer>(
+                        "stress", CLOCK_MONOTONIC, [&] { ++fired; });
+                    running.monitor->attach(&observer, EPOLLIN | EPOLLET);
+                    running.monitor->attach(timer.get(), int(timer->getEventType()));
+                    timer->startTimerAbsoluteTime(&past, &once);
+                    for (int unit = 0; unit < 3; ++unit) observer.signal();
+                    written += 3;
+                    running.monitor->modify(&observer, EPOLLIN);
+                    if (t == 0) relay.signal();
+                    if (t == 1) pthread_kill(running.driver.nativeHandle(), SIGUSR1);
+                    lost += !waitUntil([&] { return observer.units == 3 && fired == 1; });
+                    running.monitor->detach(&observer);
+                    running.monitor->detach(timer.get());
+                    const int passed = barrier.calls;
+                    barrier.signal();
+                    lost += !waitUntil([&] { return barrier.calls > passed; });
+                    consumed += observer.units;
+                    operations += 2;
+                }
+                running.monitor->detach(&barrier);
+                operations += 1;
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+        running.monitor->detach(&relay);
+        const uint64_t calls = operations + uint64_t(relayed) + 1;  // and the relay's
+        EXPECT_EQ(
+            dumpOf(*running.monitor).at(1).find(format("{ #attach=%lu #detach=%lu", calls, calls)),
+            4u);
+    }
+    std::printf("[ figures ] stress operations=%lu units=%lu relayed=%d\n", operations.load(),
+                written.load(), relayed.load());
+    ::sigaction(SIGUSR1, &previous, nullptr);
+    EXPECT_EQ(capture.texts(), Lines{});
+    EXPECT_EQ(lost, 0);
+    EXPECT_EQ(consumed, written);
+    EXPECT_GT(relayed, 0);
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+}  // namespace
+}  // namespace tavrel::test

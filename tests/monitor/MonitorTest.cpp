@@ -1,0 +1,355 @@
+// The monitor's life on one thread (its log lines, trace points and dumps), its registry,
+// readyToRun, and every way misuse or a broken descriptor ends the process.
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/epoll.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+
+#include <cstring>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "common/Support.h"
+#include "tavrel/Timer.h"
+#include "tavrel/platform/Fdsan.h"
+
+namespace tavrel::test {
+namespace {
+
+using NSCam::NSTavrel::Timer;
+using testing::Matcher;
+constexpr int kNotGiven = IThreadLoop::ReadyToRun::kNotGiven;
+constexpr const char* kBadFd = "err=-9(Bad file descriptor)";
+
+std::pair<int, int> descriptorsOf(const IEpollMonitor& monitor) {
+    std::pair<int, int> fds{-1, -1};
+    const std::string line = dumpOf(monitor).at(0);
+    std::sscanf(line.c_str() + line.find(".mEpollFd="), ".mEpollFd=%d .mEventFd=%d", &fds.first,
+                &fds.second);
+    return fds;
+}
+
+std::string config(const IEpollMonitor& m) {
+    return format("{ %s .mEpollFd=%d .mEventFd=%d }", m.getName().c_str(), descriptorsOf(m).first,
+                  descriptorsOf(m).second);
+}
+
+// `map` is "", " attach=[ (7, 0x...) ]", " detach=[ 7 ]" or both.
+std::string runtime(int attaches, int detaches, int active, const std::string& map) {
+    return format("{ #attach=%d #detach=%d .mActive=%d .mFdObserverMap={%s } }", attaches, detaches,
+                  active, map.c_str());
+}
+
+std::string entry(const IEventObserver& o) {
+    return format("(%d, %p)", o.getEventFD(), static_cast<const void*>(&o));
+}
+
+// Matches `text`, where "%p" stands for any pointer.
+Matcher<std::string> like(const std::string& text) {
+    const std::string pattern =
+        std::regex_replace(text, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)");
+    return testing::MatchesRegex(std::regex_replace(pattern, std::regex("%p"), "0x[0-9a-f]+"));
+}
+
+struct Seen {
+    std::string config, monitor, self, observer, entry;
+    int epollFd, eventFd, fd;
+};
+
+// One life of monitor "s" on this thread: made; an observer attached and modified; one
+// batch in which the observer asks the loop to end; the interrupt read, read again when
+// there is none, and left alone for a write-only event; the observer detached; destroyed.
+Seen runScenario() {
+    const auto monitor = IEpollMonitor::make("s");
+    const auto loop = std::dynamic_pointer_cast<IThreadLoop>(monitor);
+    const auto self = std::dynamic_pointer_cast<IEventObserver>(monitor);
+    EventObserver observer([&](const OnEvent&) { loop->requestExit(); });
+    monitor->attach(&observer, EPOLLIN);
+    monitor->modify(&observer, EPOLLIN);
+    observer.signal();
+    loop->threadLoop();
+    for (const int events : {EPOLLIN, EPOLLIN, EPOLLOUT})
+        self->onEvent({monitor.get(), uint32_t(events)});
+    monitor->detach(&observer);
+    const auto [epollFd, eventFd] = descriptorsOf(*monitor);
+    return {config(*monitor),
+            format("%p", static_cast<void*>(monitor.get())),
+            format("%p", static_cast<void*>(self.get())),
+            format("%p", static_cast<void*>(&observer)),
+            entry(observer),
+            epollFd,
+            eventFd,
+            observer.getEventFD()};
+}
+
+TEST(MonitorLife, EachStepLogsItsLineWithTheDumps) {
+    const ScopedProperty logv("persist.vendor.camera.tavrel.EpollMonitor.logv", "1");
+    const LogCapture capture;
+    const Seen s = runScenario();
+    const std::string running = s.config + " " + runtime(1, 0, 1, " attach=[ " + s.entry + " ]");
+    const std::string ending = s.config + " " + runtime(1, 0, 0, " attach=[ " + s.entry + " ]");
+    const std::string fd = std::to_string(s.fd),
+                      info = "3 tavrel-EpollMonitor [tavrel-EpollMonitor] EpollMonitor:N ";
+    const Lines lines = {
+        info + "EpollMonitor() [EpollMonitor] this(" + s.monitor + " " + s.self + ") " + s.config +
+            " " + runtime(0, 0, 1, ""),
+        info + "attach() [attach] " + s.entry,
+        info + "modify() [modify] " + s.entry,
+        info + "threadLoop() [threadLoop] + " + running,
+        info + "handleEvents() [handleEvents] + fd=" + fd + " events=0x1 observer=" + s.observer +
+            " " + running,
+        info + "requestExit() [requestExit] + " + running,
+        info + "requestExit() [requestExit] - " + ending,
+        info + "handleEvents() [handleEvents] - fd=" + fd + " events=0x1",
+        info + "threadLoop() [threadLoop] - " + ending,
+        info + "isInterruptEvent() [P2DrvEP-s] isInterruptEvent: 0x40",
+        format("1 tavrel-syscall [tavrel-syscall] SystemCall:N Read() [Read] read(%d, %%p, 8) "
+               "return -1: "
+               "err=-11(Resource temporarily unavailable) (Read){#N:src/utils/sys/SystemCall}",
+               s.eventFd),
+        format("2 tavrel-EpollMonitor [tavrel-EpollMonitor] EpollMonitor:N isInterruptEvent() "
+               "[P2DrvEP-s] isInterruptEvent: read(%d) returns -11 != 8",
+               s.eventFd),
+        info + "detach() [detach] " + s.entry,
+        info + "~EpollMonitor() [~EpollMonitor] " + s.config + " " +
+            runtime(1, 1, 0, " detach=[ " + fd + " ]"),
+    };
+    std::vector<Matcher<std::string>> expected;
+    for (const std::string& line : lines) expected.push_back(like(line));
+    EXPECT_THAT(capture.debug(), testing::ElementsAreArray(expected));
+    EXPECT_EQ(capture.texts().size(), lines.size());
+}
+
+TEST(MonitorLife, EachStepIsTracedUnderItsOwnCategoryBit) {
+    const Seen s = runScenario();  // untraced: the numbers every later run gets as well
+    EXPECT_EQ(::fcntl(s.eventFd, F_GETFD) + ::fcntl(s.epollFd, F_GETFD), -2);  // both closed
+    // Each step's markers as "bit:marker;", in order: construction, attach, modify, one
+    // batch, the three interrupt events, detach, destruction.
+    const std::string text =
+        std::regex_replace(R"(4:B|EpollMonitor;0:B|EPollCreate;0:E;0:B|EventFD;0:E;
+        1:B|EPollCtlAdd;1:E;4:E;10:B|P2DrvEP-s::attachObserver;10:B|fetch_add;10:E;
+        36:C|P2DrvEP-s-#FdObserverCount|1;10:B|fetch observer;1:B|EPollCtlAdd;1:E;10:E;
+        37:S|P2DrvEP-s-FdObserver|@;10:E;10:B|P2DrvEP-s::modifyObserver;1:B|EPollCtlMod;1:E;10:E;
+        4:B|threadLoop;13:B|tryEpoll;1:B|EPollWait;1:E;12:B|handleEvents;13:B|NOTIFY_READY fd:@;
+        4:B|P2DrvEP-s::requestExit;4:B|sendInterruptEvent;0:B|Write;0:E;4:E;4:E;13:E;12:E;13:E;4:E;
+        4:B|isInterruptEvent;0:B|Read;0:E;4:E;4:B|isInterruptEvent;0:B|Read;0:E;4:E;
+        4:B|isInterruptEvent;4:E;14:B|P2DrvEP-s::detachObserver;14:B|fetch observer;
+        1:B|EPollCtlDel;1:E;14:E;36:C|P2DrvEP-s-#FdObserverCount|0;37:F|P2DrvEP-s-FdObserver|@;
+        14:E;4:B|~EpollMonitor;1:B|EPollCtlDel;1:E;0:B|Close;0:E;0:B|Close;0:E;4:E;)",
+                           std::regex("\n *"), "");
+    std::istringstream steps(std::regex_replace(text, std::regex("@"), std::to_string(s.fd)));
+    std::vector<std::pair<int, std::string>> markers;
+    for (std::string step; std::getline(steps, step, ';');) {
+        markers.push_back({std::stoi(step), step.substr(step.find(':') + 1)});
+    }
+    const uint64_t all = ~uint64_t{0};
+    // -1: every category; -2: every category but no camera tag; -3: no category, every tag.
+    for (const int bit : {-1, -2, -3, 0, 1, 4, 10, 12, 13, 14, 36, 37}) {
+        Lines expected;
+        for (const auto& [markerBit, marker] : markers) {
+            if (bit == -1 || markerBit == bit) expected.push_back(marker);
+        }
+        const TraceCapture trace(bit == -3 ? 0
+                                 : bit < 0 ? all
+                                           : uint64_t{1} << bit,
+                                 bit == -2   ? ~uint64_t{0x400}
+                                 : bit == -3 ? all
+                                             : 0x400);
+        runScenario();
+        EXPECT_EQ(trace.markers(), expected) << "bit " << bit;
+    }
+}
+
+TEST(MonitorLife, ATraceNameMadeAtRunTimeIsWholeOrEmpty) {
+    for (const size_t length : {127u, 128u}) {
+        const std::string name(length - std::strlen("P2DrvEP-::requestExit"), 'n');
+        const auto monitor = IEpollMonitor::make(name.c_str());
+        const TraceCapture trace(uint64_t{1} << 4);
+        std::dynamic_pointer_cast<IThreadLoop>(monitor)->requestExit();
+        EXPECT_EQ(trace.markers().at(0),
+                  length < 128 ? "B|P2DrvEP-" + name + "::requestExit" : "B|");
+    }
+}
+
+TEST(Registry, DescriptorsAreKnownByNumberAndStayListedOnceSeen) {
+    const auto monitor = IEpollMonitor::make("r");
+    EventObserver a, c;
+    FdObserver b(a.getEventFD());
+    monitor->attach(&a, EPOLLIN);
+    monitor->detach(&b);  // found by descriptor: the registered observer goes
+    monitor->attach(&b, EPOLLIN);
+    for (int i = 0; i < 2; ++i) {
+        monitor->attach(&c, EPOLLIN);
+        if (i == 1) c.closeFd();  // an owner that closed its descriptor before detaching
+        const LogCapture capture;
+        monitor->detach(&c);
+        const int e = descriptorsOf(*monitor).first, fd = c.getEventFD();
+        EXPECT_EQ(
+            capture.texts(),
+            i == 0 ? Lines{}
+                   : (Lines{format("[EPollCtlDel] epoll_ctl(%d, EPOLL_CTL_DEL, %d) return -1: %s",
+                                   e, fd, kBadFd),
+                            format("[operator()] EPOLL_CTL_DEL fd=%d %s", fd, kBadFd)}));
+        EXPECT_EQ(dumpOf(*monitor), (Lines{"P2DrvEP-r: logv:0 " + config(*monitor),
+                                           "    " + runtime(3 + i, 2 + i, 1,
+                                                            format(" attach=[ %s ] detach=[ %d ]",
+                                                                   entry(b).c_str(), fd))}));
+    }
+    monitor->detach(&b);
+}
+
+TEST(ReadyToRun, AppliesThePropertiesOnlyWhenTheDriverGivesNeitherValue) {
+    cpu_set_t all, only0, cpus;
+    sched_getaffinity(0, sizeof(all), &all);
+    CPU_ZERO(&only0);
+    CPU_SET(0, &only0);
+    const struct {
+        int32_t policy, priority;
+        const char *threadName, *properties[3], *name;
+        int schedPolicy, nice;  // nice -1: left as it was
+    } rows[] = {
+        {kNotGiven, kNotGiven, "", {nullptr, nullptr, "0"}, "P2DrvEP-thread", SCHED_OTHER, 6},
+        {kNotGiven, kNotGiven, "worker", {"0", "3", nullptr}, "worker", SCHED_BATCH, 3},
+        {2, kNotGiven, "", {"0", "3", nullptr}, "P2DrvEP-thread", SCHED_OTHER, -1},
+        {kNotGiven, 5, "", {"0", "3", nullptr}, "P2DrvEP-thread", SCHED_OTHER, -1},
+    };
+    for (const auto& row : rows) {
+        const ScopedProperty policy("persist.vendor.camera.tavrel.EpollMonitor.threadpolicy",
+                                    row.properties[0]);
+        const ScopedProperty priority("persist.vendor.camera.tavrel.EpollMonitor.threadpriority",
+                                      row.properties[1]);
+        const ScopedProperty affinity("tavrel.host.perfctrl.affinity", row.properties[2]);
+        std::thread([&] {
+            const auto loop = std::dynamic_pointer_cast<IThreadLoop>(IEpollMonitor::make("thread"));
+            const int inherited = getpriority(PRIO_PROCESS, 0);
+            // Without the privilege, a nice value below the inherited one is refused whole.
+            const bool set = row.nice >= 0 && (geteuid() == 0 || row.nice >= inherited);
+            EXPECT_EQ(
+                loop->readyToRun(IThreadLoop::ReadyToRun{row.threadName, row.policy, row.priority}),
+                0);
+            EXPECT_EQ(sched_getscheduler(0), set ? row.schedPolicy : SCHED_OTHER) << row.name;
+            EXPECT_EQ(getpriority(PRIO_PROCESS, 0), set ? row.nice : inherited);
+            char name[16] = {};
+            prctl(PR_GET_NAME, name);
+            EXPECT_STREQ(name, row.name);
+            sched_getaffinity(0, sizeof(cpus), &cpus);
+            EXPECT_TRUE(CPU_EQUAL(&cpus, row.properties[2] != nullptr ? &only0 : &all));
+        }).join();
+    }
+}
+
+// `before`, then the lines of a fatal report from `file` whose short form is `text`.
+Lines fatal(Lines before, const std::string& file, const char* function, const std::string& text) {
+    const std::string tag = "tavrel-" + file;
+    const std::string longForm = text + " (" + function + "){#N:src/utils/sys/" + file + "}";
+    return before + Lines{"E " + tag + ": " + text, longForm, "F " + tag + ": " + longForm};
+}
+
+Lines misuse(const IEpollMonitor& monitor, const Lines& before, const std::string& runtimeText,
+             const char* operation) {
+    const std::string tag = "E tavrel-EpollMonitor: ",
+                      first = monitor.getName() + ": logv:0 " + config(monitor);
+    return fatal(before + Lines{tag + first, tag + "    " + runtimeText}, "EpollMonitor", operation,
+                 format("[%s] FATAL", operation));
+}
+
+TEST(MonitorDeathTest, MisuseDumpsTheStateToTheErrorLogThenEnds) {
+    const auto monitor = IEpollMonitor::make("f");
+    const int e = descriptorsOf(*monitor).first;
+    EventObserver a;
+    const TempDir temp;
+    FdObserver file(::open(temp.write("plain", "").c_str(), O_RDONLY | O_CLOEXEC));
+    const std::string tag = "E tavrel-EpollMonitor: ",
+                      aGone = format(" detach=[ %d ]", a.getEventFD());
+    monitor->attach(&a, EPOLLIN);
+    EXPECT_DEATH(monitor->attach(&a, EPOLLIN),
+                 entriesAre(misuse(*monitor, {tag + entry(a) + " has existed"},
+                                   runtime(2, 0, 1, " attach=[ " + entry(a) + " ]"), "attach")));
+    monitor->detach(&a);
+    // A regular file cannot be watched; its entry keeps what was being attached.
+    EXPECT_DEATH(
+        monitor->attach(&file, EPOLLIN),
+        entriesAre(misuse(
+            *monitor,
+            {format("E tavrel-syscall: [EPollCtlAdd] epoll_ctl(%d, EPOLL_CTL_ADD, %d) return "
+                    "-1: err=-1(Operation not permitted)",
+                    e, file.fd),
+             tag + entry(file) + " has existed"},
+            runtime(2, 1, 1, " attach=[ " + entry(file) + " ]" + aGone), "attach")));
+    EXPECT_DEATH(
+        monitor->modify(&a, EPOLLIN),
+        entriesAre(misuse(
+            *monitor,
+            {format("E tavrel-syscall: [EPollCtlMod] epoll_ctl(%d, EPOLL_CTL_MOD, %d) return "
+                    "-1: err=-2(No such file or directory)",
+                    e, a.getEventFD())},
+            runtime(1, 1, 1, aGone), "modify")));
+    const auto other = IEpollMonitor::make("f");  // its map gets an entry for what it never had
+    EXPECT_DEATH(other->detach(&file),
+                 entriesAre(misuse(*other, {tag + entry(file) + " not found"},
+                                   runtime(0, 0, 1, format(" detach=[ %d ]", file.fd)), "detach")));
+    ::close(file.fd);
+}
+
+TEST(MonitorDeathTest, BrokenLoopsAndDescriptorsThatCannotBeMadeEndTheProcess) {
+    const auto monitor = IEpollMonitor::make("b");
+    const auto loop = std::dynamic_pointer_cast<IThreadLoop>(monitor);
+    const int e = descriptorsOf(*monitor).first;
+    EventObserver observer;
+    epoll_event noObserver{EPOLLIN, {}};
+    ::epoll_ctl(e, EPOLL_CTL_ADD, observer.getEventFD(), &noObserver);
+    observer.signal();
+    const char* m = "EpollMonitor";
+    EXPECT_DEATH(loop->threadLoop(),
+                 entriesAre(fatal({}, m, "handleEvents", "[handleEvents] Bad observer")));
+    EXPECT_DEATH(
+        (host::setFdsanReaction(host::FdsanReaction::kOff), ::close(e), loop->threadLoop()),
+        entriesAre(
+            fatal({format("E tavrel-syscall: [EPollWait] epoll_wait(%d, maxevents=64, timeout=-1) "
+                          "return -1: %s",
+                          e, kBadFd)},
+                  m, "tryEpoll", std::string("[tryEpoll] ") + kBadFd)));
+    const std::string tooMany = " return -1: err=-24(Too many open files)";
+    EXPECT_DEATH((limitDescriptors(0), IEpollMonitor::make("c")),
+                 entriesAre(fatal({"E tavrel-syscall: [EPollCreate] epoll_create()" + tooMany}, m,
+                                  m, "[EpollMonitor] Failed on create epoll fd:-24")));
+    EXPECT_DEATH((limitDescriptors(1), IEpollMonitor::make("c")),
+                 entriesAre(fatal({"E tavrel-syscall: [EventFD] eventfd(0, 0x80800)" + tooMany}, m,
+                                  m, "[EpollMonitor] Failed on create event fd:-24")));
+    EXPECT_DEATH(
+        Timer("t", -1, [] {}),
+        entriesAre(
+            fatal({"E tavrel-syscall: [TimerFDCreate] timerfd_create() return -1: err=-22(Invalid "
+                   "argument)"},
+                  "Timer", "Timer", "[Timer] Bad fd:-22")));
+    EXPECT_DEATH(Timer("t", CLOCK_MONOTONIC, nullptr),
+                 entriesAre(fatal({}, "Timer", "Timer", "[Timer] Bad mNotifyTimeout")));
+    // A Timer that no shared_ptr owns cannot keep itself alive through its callback.
+    Timer unowned("t", CLOCK_MONOTONIC, [] {});
+    EXPECT_DEATH(unowned.onEvent({nullptr, EPOLLIN}),
+                 entriesAre({"bad_weak_ptr was thrown in -fno-exceptions mode"}));
+}
+
+// Descriptor 0 is a descriptor like any other: made, tagged, used and closed as such.
+[[noreturn]] void useDescriptorZero() {
+    ::close(0);
+    auto monitor = IEpollMonitor::make("zero");
+    const bool epollIsZero = descriptorsOf(*monitor).first == 0;
+    const TraceCapture trace(uint64_t{1} << 1);
+    monitor.reset();  // takes the eventfd off the epoll instance before closing both
+    const bool removed = trace.markers() == Lines{"B|EPollCtlDel", "E"};
+    const bool closed = ::fcntl(0, F_GETFD) == -1;
+    auto timer = std::make_shared<Timer>("zero", CLOCK_MONOTONIC, [] {});
+    const bool timerIsZero = timer->getEventFD() == 0;
+    timer.reset();
+    _exit(epollIsZero && removed && closed && timerIsZero && ::fcntl(0, F_GETFD) == -1 ? 0 : 1);
+}
+
+TEST(MonitorDeathTest, DescriptorZeroIsNoError) {
+    EXPECT_EXIT(useDescriptorZero(), testing::ExitedWithCode(0), entriesAre({}));
+}
+
+}  // namespace
+}  // namespace tavrel::test

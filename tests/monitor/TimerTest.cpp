@@ -1,0 +1,189 @@
+// The Timer: its names and dump, its verbose lines, re-arming with what remains, firing on
+// a running monitor, callbacks that restart, stop or drop their own timer, and many timers
+// firing at once.
+#include <sys/epoll.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "common/Support.h"
+#include "tavrel/Timer.h"
+#include "utils/sys/TimerRearm.h"
+
+namespace tavrel::test {
+namespace {
+
+using NSCam::NSTavrel::Timer;
+using namespace std::chrono_literals;
+
+constexpr timespec kNone{}, kLongPast{0, 1};  // absolute times on the monotonic clock
+constexpr timespec kMillisecond{0, 1'000'000}, kTenthSecond{0, 100'000'000};
+
+// An absolute time `after` from now on the monotonic clock.
+timespec in(std::chrono::seconds after) {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return {now.tv_sec + after.count(), now.tv_nsec};
+}
+
+itimerspec settingOf(const Timer& timer) {
+    itimerspec setting{};
+    timerfd_gettime(timer.getEventFD(), &setting);
+    return setting;
+}
+
+bool disarmed(const Timer& timer) {
+    const itimerspec s = settingOf(timer);
+    return s.it_value.tv_sec == 0 && s.it_value.tv_nsec == 0;
+}
+
+std::shared_ptr<Timer> makeTimer(
+    const char* name, std::function<void()> notify = [] {}) {
+    return std::make_shared<Timer>(name, CLOCK_MONOTONIC, std::move(notify));
+}
+
+TEST(Timer, NameDumpAndEventMask) {
+    for (const auto& [given, name] : {std::make_pair<const char*, std::string>(nullptr, "Timer-?"),
+                                      std::make_pair<const char*, std::string>("p2", "Timer-p2")}) {
+        const auto timer = makeTimer(given);
+        const std::string text =
+            format("{ %s .fd=%d .event=80000001 }", name.c_str(), timer->getEventFD());
+        RecordingPrinter printer;
+        timer->dumpState(&printer);
+        EXPECT_EQ(Lines({timer->getEventName(), timer->toString()}) + printer.lines,
+                  Lines({name, text, text}));
+        EXPECT_EQ(timer->getEventType(), uint32_t(EPOLLIN | EPOLLET));
+    }
+}
+
+TEST(Timer, VerboseLinesFollowTheLogvPropertyOfItsConstruction) {
+    const struct {
+        const char *logv, *name;
+        bool on;
+    } rows[] = {{nullptr, "p2", false}, {"0", "p2", false}, {"1", "p2", true}, {"7", "", true}};
+    for (const auto& row : rows) {
+        const ScopedProperty logv("persist.vendor.camera.tavrel.timer.logv", row.logv);
+        const auto timer = makeTimer(row.name);
+        const LogCapture capture;
+        // A zero value disarms though the kernel keeps the period: the re-arm must not revive it.
+        timer->startTimerAbsoluteTime(&kNone, &kTenthSecond);
+        timer->enableEdgeTrigger();
+        EXPECT_TRUE(disarmed(*timer));
+        timer->stopTimer();
+        Lines expected;
+        for (const char* text :
+             {"[startTimerAbsoluteTime] %-7s: { .it_interval=0.100000000 .it_value=0.0 }",
+              "[enableEdgeTrigger] %-7s: { .it_interval=0.100000000 .it_value=0.0 }",
+              "[stopTimer] %-7s: { .it_interval=0.0 .it_value=0.0 }"}) {
+            const std::string line = format(text, timer->getEventName().c_str());
+            if (row.on)
+                expected.push_back(format("5 tavrel-Timer 0x8002001 %zu ", line.size()) + line);
+        }
+        EXPECT_EQ(capture.unified(), expected);
+    }
+}
+
+TEST(Timer, ReArmingKeepsWhatRemainsAndClearsTheExpirations) {
+    const auto later = makeTimer("later"), due = makeTimer("due");
+    const timespec tenSeconds = in(10s);
+    later->startTimerAbsoluteTime(&tenSeconds, &kNone);
+    later->enableEdgeTrigger();
+    EXPECT_GE(settingOf(*later).it_value.tv_sec, 8);  // the same deadline, now relative
+    due->startTimerAbsoluteTime(&kLongPast, &kNone);
+    ASSERT_TRUE(waitUntil([&] { return disarmed(*due); }));
+    due->enableEdgeTrigger();
+    uint64_t expirations = 0;
+    EXPECT_EQ(::read(due->getEventFD(), &expirations, sizeof(expirations)), -1);
+}
+
+TEST(TimerRearm, OnlyAnArmedPeriodicTimerThatReadsZeroIsFiredAtOnce) {
+    // clang-format off
+    const itimerspec due{{0, 100}, {}}, dueSeconds{{1, 0}, {}}, running{{0, 100}, {2, 0}}, soon{{1, 0}, {0, 5}},
+        expired{}, atOnce{{0, 100}, {0, 1}}, atOnceSeconds{{1, 0}, {0, 1}};
+    const struct {
+        itimerspec read;
+        bool readOk, armed;
+        itimerspec set;
+    } rows[] = {{due, true, true, atOnce}, {dueSeconds, true, true, atOnceSeconds}, {due, true, false, due},
+        {running, true, true, running}, {soon, true, true, soon}, {expired, true, true, expired},
+        {running, false, true, expired}};
+    // clang-format on
+    const auto text = [](const itimerspec& t) {
+        return format("%ld.%ld %ld.%ld", t.it_interval.tv_sec, t.it_interval.tv_nsec,
+                      t.it_value.tv_sec, t.it_value.tv_nsec);
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(text(NSCam::NSTavrel::rearmSetting(row.read, row.readOk, row.armed)),
+                  text(row.set));
+    }
+}
+
+TEST(Timer, ACallbackMayRestartStopOrDropItsOwnTimer) {
+    std::shared_ptr<Timer> once, restarted, stopped, dropped;
+    std::atomic<int> calls{0};
+    const RunningMonitor running;  // stopped before the timers go
+    once = makeTimer("once", [&] { ++calls; });
+    restarted = makeTimer("restart", [&] {
+        const timespec later = in(10s);
+        restarted->startTimerAbsoluteTime(&later, &kNone);
+        ++calls;
+    });
+    stopped = makeTimer("stop", [&] {
+        stopped->stopTimer();
+        ++calls;
+    });
+    dropped = makeTimer("drop", [&] {
+        running.monitor->detach(dropped.get());
+        dropped.reset();  // the last owner: the timer goes once its onEvent has returned
+        ++calls;
+    });
+    const std::weak_ptr<Timer> gone = dropped;
+    for (Timer* timer : {once.get(), restarted.get(), stopped.get(), dropped.get()}) {
+        running.monitor->attach(timer, int(timer->getEventType()));
+        timer->startTimerAbsoluteTime(&kLongPast, timer == once.get() ? &kNone : &kMillisecond);
+    }
+    ASSERT_TRUE(waitUntil([&] {
+        return gone.expired() && calls == 4 && settingOf(*restarted).it_value.tv_sec >= 8;
+    }));
+    std::this_thread::sleep_for(5ms);  // time for one more expiry, if any was left armed
+    EXPECT_EQ(settingOf(*restarted).it_interval.tv_nsec, 0);
+    EXPECT_TRUE(disarmed(*once) && disarmed(*stopped));
+    EXPECT_EQ(calls, 4);
+    for (Timer* timer : {once.get(), restarted.get(), stopped.get()})
+        running.monitor->detach(timer);
+}
+
+// Periodic timers keep firing however many expire together, and timers disarmed with a
+// period set never come back. Runs a quarter of a second, or TAVREL_SOAK_SECONDS.
+TEST(TimerLoad, EveryPeriodicTimerKeepsFiringAndNoDisarmedOneRevives) {
+    const char* soak = std::getenv("TAVREL_SOAK_SECONDS");
+    const auto duration =
+        soak != nullptr ? std::chrono::milliseconds(std::stol(soak) * 1000) : 250ms;
+    std::vector<std::shared_ptr<Timer>> timers;
+    std::vector<std::atomic<uint64_t>> fired(24);
+    const RunningMonitor running;  // stopped before the timers go
+    const timespec period{0, 200'000};
+    for (size_t i = 0; i < fired.size(); ++i) {
+        timers.push_back(makeTimer("load", [&fired, i] { ++fired[i]; }));
+        running.monitor->attach(timers[i].get(), int(timers[i]->getEventType()));
+        timers[i]->startTimerAbsoluteTime(i < 20 ? &kLongPast : &kNone,
+                                          &period);  // the last four disarmed
+    }
+    std::this_thread::sleep_for(duration * 3 / 4);
+    std::vector<uint64_t> atThreeQuarters(fired.begin(), fired.end());
+    std::this_thread::sleep_for(duration / 4);
+    uint64_t rearms = 0, stopped = 0, revived = 0;
+    for (size_t i = 0; i < fired.size(); ++i) {
+        running.monitor->detach(timers[i].get());
+        rearms += fired[i];
+        (i < 20 ? stopped : revived) += i < 20 ? fired[i] == atThreeQuarters[i] : fired[i] != 0;
+    }
+    std::printf("[ figures ] timer_load rearms=%lu stopped=%lu revived=%lu\n", rearms, stopped,
+                revived);
+    EXPECT_EQ(stopped + revived, 0u);
+}
+
+}  // namespace
+}  // namespace tavrel::test

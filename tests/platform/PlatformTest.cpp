@@ -1,0 +1,189 @@
+// The host platform layer: properties and what they set at load, the unified logger's
+// lines, debug print, the trace file, descriptor ownership, crash reports and thread control.
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/eventfd.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "common/Support.h"
+#include "tavrel/platform/CrashReporter.h"
+#include "tavrel/platform/Fdsan.h"
+#include "tavrel/platform/Properties.h"
+#include "tavrel/platform/ThreadControl.h"
+#include "tavrel/platform/Trace.h"
+
+namespace tavrel::test {
+namespace {
+
+using NSCam::Utils::ULog::ULogger;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+namespace Properties = NSCam::Utils::Properties;
+
+TEST(Properties, IntegersAndBooleansParseTheWayAndroidsReadersDo) {
+    // Each value, then what property_get_int32 and property_get_bool give with defaults -7, -1.
+    // clang-format off
+    const char* rows[][2] = {{"42", "42 -1"}, {"-0x1F", "-31 -1"}, {"2147483647", "2147483647 -1"},
+        {"2147483648", "-7 -1"}, {"-2147483649", "-7 -1"}, {"12a", "-7 -1"}, {"", "-7 -1"},
+        {"1", "1 1"}, {"0", "0 0"}, {"yes", "-7 1"}, {"off", "-7 0"}, {"TRUE", "-7 -1"}};
+    // clang-format on
+    for (const auto& [raw, parsed] : rows) {
+        const ScopedProperty property("test.value", raw);
+        EXPECT_EQ(format("%d %d", Properties::property_get_int32("test.value", -7),
+                         Properties::property_get_bool("test.value", -1)),
+                  parsed)
+            << raw;
+    }
+    char text[4] = "old";
+    EXPECT_FALSE(host::property_get("test.value", text, sizeof(text)));
+    const ScopedProperty property("test.value", "abcdef");
+    EXPECT_TRUE(host::property_get("test.value", text, sizeof(text)));
+    EXPECT_STREQ(text, "abc");
+}
+
+// Run by the next test in a child whose property file sets everything read at load.
+TEST(LoadTime, DISABLED_Settings) {
+    char value[64] = {};
+    host::property_get("spaced", value, sizeof(value));
+    std::printf("spaced=[%s] mode=%u details=%u mask=%#x bits=%#lx tags=%#lx modules=%#lx\n", value,
+                ULogger::sMode.load(), ULogger::sDetailsLevel.load(),
+                ULogger::sNormalDetailsMask.load(), host::gTavrelTraceBits.load(),
+                host::gAtraceEnabledTags.load(), g_logInfoLv[0].enableMask.load());
+    ULogger::sULogger.load()->writeLine(0x08002001, "tag", 2, "to the file", 11);
+}
+
+TEST(LoadTime, ThePropertyFileSetsSwitchesMasksAndTheLogFileAndReportsBadLines) {
+    const TempDir dir;
+    const std::string log = dir.path() + "/ulog.txt";
+    const Outcome child = runWithProperties(
+        "LoadTime.DISABLED_Settings",
+        "# comment\n  spaced =  two words  \nno equals sign\n=empty "
+        "key\ntavrel.host.ulog.mode=0x3\n"
+        "tavrel.host.ulog.details_level=4\ntavrel.host.ulog.details_mask=134225920\n"
+        "tavrel.host.trace.bits=0x30\ntavrel.host.trace.tags=1024\n"
+        "tavrel.host.dbgprint.modules=0x1\ntavrel.host.ulog.file=" +
+            log + "\n");
+    EXPECT_EQ(child.status, 0) << child.out;
+    EXPECT_THAT(child.out,
+                MatchesRegex(R"(tavrel-properties: \S+:3: malformed line skipped \(no '='\)
+tavrel-properties: \S+:4: malformed line skipped \(empty key\)
+(.|\n)*)"));
+    EXPECT_THAT(child.out, HasSubstr("spaced=[two words] mode=3 details=4 mask=0x8002000 bits=0x30 "
+                                     "tags=0x400 modules=0x1\n"));
+    std::ifstream file(log);
+    const std::string line((std::istreambuf_iterator<char>(file)),
+                           std::istreambuf_iterator<char>());
+    EXPECT_EQ(logEntries(line), Lines{"W tag: to the file"});
+}
+
+TEST(DebugPrint, LevelsReachTheAndroidLogAndTheFileTextIsABaseNameWithoutPercent) {
+    const StderrCapture err;
+    for (const cam_debug_level_t level : {CAM_DEBUG_ERROR, CAM_DEBUG_WARNING, CAM_DEBUG_INFO}) {
+        log_dbg_print("tag", level, "line %d", level);
+    }
+    EXPECT_EQ(logEntries(err.text()), (Lines{"E tag: line 1", "W tag: line 2", "I tag: line 3"}));
+    EXPECT_STREQ(get_filename_log_control("src/utils/sys/Sys%Call"), "Sys_Call");
+    EXPECT_STREQ(get_filename_log_control("plain"), "plain");
+}
+
+TEST(Trace, MarkersBecomeFtraceLinesOfAFileThatGetsOneHeader) {
+    const TempDir dir;
+    const std::string path = dir.path() + "/trace.txt";
+    for (int run = 0; run < 2; ++run) {
+        ASSERT_TRUE(host::setTraceFile(path.c_str()));
+        atrace_begin_body("name");
+        atrace_int_body("count", -3);
+        ASSERT_TRUE(host::setTraceFile(nullptr));
+    }
+    std::ifstream file(path);
+    std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(text.rfind("# tracer: nop\n", 0), 0u);
+    const std::string line =
+        R"( +\S+-[0-9]+ +\[[0-9]{3}\] \.{5} [0-9]+\.[0-9]{6}: tracing_mark_write: )";
+    const std::string marks = line + format("B\\|%d\\|name\n", getpid()) + line +
+                              format("C\\|%d\\|count\\|-3\n", getpid());
+    EXPECT_THAT(text.substr(text.find("#              | |")),
+                MatchesRegex("[^\n]*\n" + marks + marks));
+}
+
+TEST(FdsanDeathTest, EachReactionToTheWrongOwner) {
+    const uint64_t mine = zelcam_fdsan_create_tag(0x1234, 1),
+                   theirs = zelcam_fdsan_create_tag(0x99, 1);
+    EXPECT_EQ(mine, 0x0100000000001234u);
+    const int fd = ::eventfd(0, EFD_CLOEXEC);
+    ASSERT_EQ(zelcam_fdsan_exchange_tag(fd, 0, mine, 1), 0);
+    const std::string closing =
+        format("fdsan: attempted to close fd %d with tag 0x%lx owned by 0x%lx", fd,
+               static_cast<unsigned long>(theirs), static_cast<unsigned long>(mine));
+    EXPECT_DEATH(zelcam_fdsan_close_with_tag(fd, theirs, 1),
+                 entriesAre({closing, "F fdsan: " + closing}));
+    const StderrCapture err;
+    host::setFdsanReaction(host::FdsanReaction::kWarnOnce);
+    EXPECT_EQ(zelcam_fdsan_exchange_tag(fd, theirs, 0, 1), -1);
+    EXPECT_EQ(zelcam_fdsan_exchange_tag(fd, theirs, 0, 1), -1);  // checks are off after one warning
+    EXPECT_EQ(host::fdsanReaction(), host::FdsanReaction::kOff);
+    host::setFdsanReaction(host::FdsanReaction::kFatal);
+    EXPECT_EQ(logEntries(err.text()),
+              Lines{format(
+                  "W fdsan: fdsan: attempted to exchange tag of fd %d from 0x%lx to 0x0 but it is "
+                  "owned by 0x%lx",
+                  fd, static_cast<unsigned long>(theirs), static_cast<unsigned long>(mine))});
+    EXPECT_EQ(zelcam_fdsan_close_with_tag(fd, mine, 1), 0);
+    EXPECT_EQ(host::fdsanGetTag(fd), 0u);
+}
+
+TEST(CrashReporterDeathTest, ReportsGoToTheAndroidLogAndNumberedFilesAndTheServiceEndsWith70) {
+    const TempDir dir;
+    const ScopedProperty crashDir("tavrel.host.crash.dir", dir.path().c_str());
+    const StderrCapture err;
+    for (int i = 1; i <= 2; ++i)
+        NSCam::NSTavrel::tavrel_ruvex_trigger_exception("mod", "text %d", i);
+    EXPECT_EQ(logEntries(err.text()),
+              (Lines{"F tavrel-crash: mod: text 1", "F tavrel-crash: mod: text 2"}));
+    std::ifstream report(dir.path() + format("/tavrel-crash-%d-2.txt", getpid()));
+    std::stringstream text;
+    text << report.rdbuf();
+    EXPECT_THAT(text.str(), MatchesRegex(format(
+                                "module: mod\npid: %d\ntid: %d\ntime: [-0-9T:]+Z\ntext:\ntext 2\n",
+                                getpid(), gettid())));
+    EXPECT_EXIT(
+        {
+            std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ);  // held until stdio is flushed
+            std::fprintf(stderr, "buffered\n");
+            NSCam::Utils::terminateService();
+        },
+        testing::ExitedWithCode(70), entriesAre({"buffered"}));
+}
+
+TEST(ThreadControl, PoliciesMapOntoTheLinuxSchedulerAndNamesAndCpusApply) {
+    std::thread([] {
+        const int tid = NSCam::Thread::getThisThread();
+        EXPECT_EQ(tid, gettid());
+        // Policy, priority: result and scheduler class; nice 18 and 19 need no privilege.
+        for (const auto& [policy, priority, result, schedPolicy] :
+             {std::make_tuple(0, 18, 0, SCHED_BATCH), std::make_tuple(1, 19, 0, SCHED_OTHER),
+              std::make_tuple(1, 20, -EINVAL, SCHED_OTHER),
+              std::make_tuple(2, 0, -EINVAL, SCHED_OTHER),
+              std::make_tuple(4, 1, -EINVAL, SCHED_OTHER)}) {
+            EXPECT_EQ(NSCam::Thread::setThreadPriority(tid, priority, policy), result);
+            EXPECT_EQ(sched_getscheduler(0), schedPolicy) << policy;
+        }
+        EXPECT_EQ(getpriority(PRIO_PROCESS, 0), 19);
+        customizeThreadReadyToRun("a-name-longer-than-fifteen", 26);
+        char name[16] = {};
+        prctl(PR_GET_NAME, name);
+        EXPECT_STREQ(name, "a-name-longer-t");
+        const ScopedProperty bad("tavrel.host.perfctrl.affinity", "1-");
+        EXPECT_EQ(zelcam_perfctrl_set_affinity(), -EINVAL);
+    }).join();
+}
+
+}  // namespace
+}  // namespace tavrel::test

@@ -1,0 +1,165 @@
+// The log statement's gates and routes, the assertion report, and the printer that state
+// dumps reach the logs through.
+#include <cwchar>
+
+#include "common/Support.h"
+#include "tavrel/ULogPrinter.h"
+#include "utils/log/FatalReport.h"
+#include "utils/log/Log.h"
+
+namespace tavrel::test {
+namespace {
+
+using NSCam::Utils::ULog::ULogger;
+using NSCam::Utils::ULog::ULogPrinter;
+using testing::HasSubstr;
+
+constexpr NSCam::NSTavrel::Log::Site kLogSite{"tavrel-test", "tests/sys/LogTest"};
+constexpr uint32_t kMask = 0x08002000;
+
+void writeEachLevel() {
+    TAVREL_LOGE("[%s] E%d", "f", 1);
+    TAVREL_LOGW("[%s] W%d", "f", 2);
+    TAVREL_LOGI("[%s] I%d", "f", 3);
+    TAVREL_LOGV("[%s] V%d", "f", 4);
+}
+
+TEST(LogStatement, EachRouteHasItsSwitchAndEachLevelItsDetailsGate) {
+    // clang-format off
+    const struct {
+        LogSwitches switches;
+        const char *debug, *unified;  // the levels that reached each route
+    } rows[] = {{{3, 5, kMask}, "EWIV", "EWIV"}, {{0, 5, kMask}, "", ""}, {{1, 5, kMask, false}, "", ""},
+        {{1, 5, kMask}, "EWIV", ""}, {{2, 5, kMask}, "", "EWIV"}, {{8, 5, kMask}, "", "EWIV"},
+        {{3, 4, kMask}, "EWI", "EWI"}, {{3, 3, kMask}, "EWI", "EWI"}, {{3, 2, kMask}, "EW", "EW"},
+        {{3, 1, kMask}, "E", "E"}, {{3, 0, kMask}, "E", "E"}, {{3, 5, 0x08000000}, "EWI", "EWI"},
+        {{3, 5, 0x2000}, "EWI", "EWI"}, {{3, 5, ~0u}, "EWIV", "EWIV"}};
+    // clang-format on
+    for (const auto& row : rows) {
+        const LogCapture capture(row.switches);
+        writeEachLevel();
+        std::string debug, unified;
+        for (const std::string& line : capture.debug()) debug += line[line.find("[f] ") + 4];
+        for (const std::string& text : capture.texts()) unified += text[4];
+        EXPECT_EQ(debug + "/" + unified, std::string(row.debug) + "/" + row.unified)
+            << row.switches.mode << " " << row.switches.details << " " << row.switches.mask;
+    }
+}
+
+TEST(LogStatement, LongEmptyAndUnformattableMessages) {
+    const LogCapture capture;
+    const std::string text(2000, 'x');
+    TAVREL_LOGE("[%s] %s", "f", text.c_str());
+    TAVREL_LOGE("%s", "");
+    TAVREL_LOGE("[%s] %lc", "f", static_cast<wint_t>(0x100));  // no encoding in the C locale
+    // The unified text is cut to its buffer; the length reported stays whole.
+    EXPECT_EQ(capture.unified(),
+              (Lines{"1 tavrel-test 0x8002001 2004 " + ("[f] " + text).substr(0, 1023),
+                     "1 tavrel-test 0x8002001 0 "}));
+    ASSERT_EQ(capture.debug().size(), 3u);
+    EXPECT_EQ(capture.debug()[0].back(), 'x');
+}
+
+std::string sRawDebugLine;  // the latest debug-print line, line numbers and all
+
+TEST(LogStatement, ReportsTheLineWhereTheStatementStarts) {
+    const LogCapture capture;
+    host::setDebugPrintSink(
+        [](void*, const char*, cam_debug_level_t, const char* text) { sRawDebugLine = text; },
+        nullptr);
+    const int line = __LINE__ + 1;
+    TAVREL_LOGE("[%s] a statement that clang-format wraps onto a second line: %s", "function",
+                "second line");
+    EXPECT_THAT(sRawDebugLine, HasSubstr(format("LogTest:%d TestBody()", line)));
+    EXPECT_THAT(sRawDebugLine, HasSubstr(format("{#%d:tests/sys/LogTest}", line)));
+}
+
+// Shows on stderr, in order, what the unified logger is handed.
+class EchoLogger : public ULogger {
+public:
+    void writeLine(uint32_t module, const char* tag, int level, const char* text,
+                   int length) override {
+        std::fprintf(stderr, "unified %#x %s %d %d %s\n", module, tag, level, length, text);
+    }
+    void flush(int reason) override { std::fprintf(stderr, "flush %d\n", reason); }
+};
+
+[[noreturn]] void reportBadFd(uint32_t mode) {
+    static EchoLogger logger;
+    ULogger::sULogger = &logger;
+    ULogger::sMode = mode;
+    ULogger::sDetailsLevel = 0;
+    TAVREL_FATAL_IN("fn", "[%s] Bad fd:%d", "x", -1);
+}
+
+TEST(FatalReportDeathTest, UnifiedLineAndFlushBeforeTheAssertionWhateverTheDetails) {
+    const Lines assertion = {"[x] Bad fd:-1 (fn){#N:tests/sys/LogTest}",
+                             "F tavrel-test: [x] Bad fd:-1 (fn){#N:tests/sys/LogTest}"};
+    Lines unified = {"unified 0x8002001 tavrel-test 1 13 [x] Bad fd:-1", "flush 1"};
+    unified.insert(unified.end(), assertion.begin(), assertion.end());
+    EXPECT_DEATH(reportBadFd(2), entriesAre(unified));
+    EXPECT_DEATH(reportBadFd(8), entriesAre(unified));
+    EXPECT_DEATH(reportBadFd(1), entriesAre(assertion));
+    EXPECT_DEATH(reportBadFd(0), entriesAre(assertion));
+}
+
+// What one printer wrote: its Android-log entries, then its unified lines.
+Lines printed(LogSwitches switches, uint32_t level, const char* tag,
+              const std::function<void(ULogPrinter&)>& print) {
+    const LogCapture capture(switches);
+    const StderrCapture err;
+    {
+        ULogPrinter printer(tag, 0x08002001, level, ANDROID_LOG_WARN, "pre:", false);
+        print(printer);
+    }
+    Lines lines = logEntries(err.text());
+    for (const std::string& line : capture.unified()) lines.push_back(line);
+    return lines;
+}
+
+TEST(ULogPrinter, LevelAndModuleGatesThenEachRouteBySwitch) {
+    // clang-format off
+    const struct {
+        LogSwitches switches;
+        uint32_t level;
+        bool android, unified;
+    } rows[] = {{{3, 0, 0}, 1, false, false}, {{3, 1, 0}, 1, true, true}, {{1, 5, 0}, 1, true, false},
+        {{2, 5, 0}, 1, false, true}, {{8, 5, 0}, 1, false, true}, {{3, 4, kMask}, 5, false, false},
+        {{3, 5, 0}, 5, false, false}, {{3, 5, 0x08000000}, 5, false, false},
+        {{3, 5, 0x2000}, 5, false, false}, {{3, 5, kMask}, 5, true, true}, {{3, 4, 0}, 4, true, true}};
+    // clang-format on
+    for (const auto& row : rows) {
+        Lines expected;
+        if (row.android) expected = {"W tavrel-p: pre:a", "W tavrel-p: pre:b2"};
+        for (const char* text : {"1 a", "2 b2"}) {
+            if (row.unified)
+                expected.push_back(format("%u tavrel-p 0x8002001 %s", row.level, text));
+        }
+        EXPECT_EQ(printed(row.switches, row.level, "tavrel-p",
+                          [](auto& p) {
+                              p.printLine("a");
+                              p.printFormatLine("%s%d", "b", 2);
+                          }),
+                  expected)
+            << row.switches.mode << " " << row.switches.details << " " << row.level;
+    }
+}
+
+TEST(ULogPrinter, LongEmptyUnformattableLinesAndLongTags) {
+    const std::string text(2000, 'y'), tag(70, 't'), tag63 = tag.substr(0, 63);
+    // The Android log has the tag as given (and cuts the prefixed line to its own 1023
+    // characters); the unified logger a copy of 63 characters.
+    EXPECT_EQ(
+        printed({}, 1, tag.c_str(),
+                [&](auto& p) {
+                    p.printFormatLine("%s", text.c_str());
+                    p.printFormatLine("%s", "");
+                    p.printFormatLine("%lc", static_cast<wint_t>(0x100));
+                }),
+        (Lines{"W " + tag + ": " + ("pre:" + text).substr(0, 1023), "W " + tag + ": pre: ",
+               "W " + tag + ": pre: ", "1 " + tag63 + " 0x8002001 2000 " + text.substr(0, 1023),
+               "1 " + tag63 + " 0x8002001 0 ", "1 " + tag63 + " 0x8002001 0 "}));
+}
+
+}  // namespace
+}  // namespace tavrel::test
