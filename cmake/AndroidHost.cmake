@@ -1,19 +1,17 @@
-# Debian's host builds of Android's liblog and libutils: headers under
-# /usr/include/android, libraries in the multiarch android/ folder.
-find_path(ANDROID_HOST_INCLUDE_DIR android/log.h PATH_SUFFIXES android REQUIRED)
-find_library(ANDROID_LIBLOG log PATH_SUFFIXES android REQUIRED NO_CMAKE_SYSTEM_PATH
-  PATHS /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/android)
-find_library(ANDROID_LIBUTILS utils PATH_SUFFIXES android REQUIRED NO_CMAKE_SYSTEM_PATH
-  PATHS /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/android)
-get_filename_component(ANDROID_HOST_LIBRARY_DIR "${ANDROID_LIBLOG}" DIRECTORY)
+# Debian's host builds of Android's liblog and libutils, as TavrelSys::android_log and
+# TavrelSys::android_utils (the installed package finds them the same way).
+include(${CMAKE_CURRENT_LIST_DIR}/TavrelSysAndroid.cmake)
+if(TavrelSys_ANDROID_MISSING)
+  list(JOIN TavrelSys_ANDROID_MISSING ", " _tavrel_missing)
+  message(FATAL_ERROR "Android's host liblog and libutils are needed (Debian packages "
+    "android-liblog-dev and android-libutils-dev); not found: ${_tavrel_missing}")
+endif()
+set_target_properties(TavrelSys::android_log TavrelSys::android_utils PROPERTIES
+  IMPORTED_GLOBAL TRUE)
 
-add_library(android_liblog SHARED IMPORTED GLOBAL)
-set_target_properties(android_liblog PROPERTIES IMPORTED_LOCATION "${ANDROID_LIBLOG}"
-  INTERFACE_INCLUDE_DIRECTORIES "${ANDROID_HOST_INCLUDE_DIR}")
-add_library(android_libutils SHARED IMPORTED GLOBAL)
-set_target_properties(android_libutils PROPERTIES IMPORTED_LOCATION "${ANDROID_LIBUTILS}"
-  INTERFACE_INCLUDE_DIRECTORIES "${ANDROID_HOST_INCLUDE_DIR}")
-
-# The android/ folder is not on the loader's path; binaries find it through their runpath.
+# The android/ folder is not on the loader's path; binaries find it through their runpath,
+# as Debian's own Android libraries do. The installed libraries find each other through
+# $ORIGIN, so the installed tree can be moved.
+get_filename_component(ANDROID_HOST_LIBRARY_DIR "${TavrelSys_ANDROID_LOG_LIBRARY}" DIRECTORY)
 list(APPEND CMAKE_BUILD_RPATH "${ANDROID_HOST_LIBRARY_DIR}")
 set(CMAKE_INSTALL_RPATH "$ORIGIN;${ANDROID_HOST_LIBRARY_DIR}")

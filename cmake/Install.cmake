@@ -10,7 +10,8 @@ install(TARGETS tavrel_sys_linux tavrel_platform_linux EXPORT TavrelSysTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
-# The imported liblog target travels with the package as a plain library path.
+# Paths in the package are relative to its own folder; the Android libraries it depends on
+# are looked up afresh where it is used (TavrelSysAndroid.cmake).
 install(EXPORT TavrelSysTargets NAMESPACE TavrelSys::
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/TavrelSys)
 configure_package_config_file(cmake/TavrelSysConfig.cmake.in
@@ -19,11 +20,13 @@ configure_package_config_file(cmake/TavrelSysConfig.cmake.in
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/TavrelSysConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/TavrelSysConfig.cmake
-  ${CMAKE_CURRENT_BINARY_DIR}/TavrelSysConfigVersion.cmake
+  ${CMAKE_CURRENT_BINARY_DIR}/TavrelSysConfigVersion.cmake cmake/TavrelSysAndroid.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/TavrelSys)
 
 # The .pc file finds its prefix from its own folder, so that the installed tree can be
-# moved or installed with a different --prefix than the one configured.
+# moved or installed with a different --prefix than the one configured. It carries no
+# runpath (the program decides where its libraries are found) and asks for C++17 in
+# Cflags, the only place pkg-config has for what the headers need.
 file(RELATIVE_PATH TAVREL_PC_PREFIX_FROM_PCFILEDIR "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig"
   "/prefix")
 string(REGEX REPLACE "/$" "" TAVREL_PC_PREFIX_FROM_PCFILEDIR "${TAVREL_PC_PREFIX_FROM_PCFILEDIR}")

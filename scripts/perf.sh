@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # Regenerates the performance page (docs/performance.md and its two plots): builds
-# the release configuration, then measures in one sitting
+# the release configuration with the benchmarks and the comparison (the bench preset, in
+# build/bench), then measures in one sitting
 #   - the event-loop comparison (raw epoll, EpollMonitor, libevent, libev, libuv),
 #   - the same workload's instructions per callback under callgrind,
 #   - Timer wake-up latency against a bare timerfd loop and cyclictest, all three memory-
 #     locked with /dev/cpu_dma_latency held at 0, at normal priority and, where this
 #     machine grants it, at SCHED_FIFO,
 #   - the registry's heap bytes per descriptor,
-#   - the Google Benchmark programs (build/default/bench/*_bench).
-# Raw outputs stay in build/default/perf/. The default run takes a few minutes; --full
+#   - the Google Benchmark programs (build/bench/bench/*_bench).
+# Raw outputs stay in build/bench/perf/. The default run takes a few minutes; --full
 # takes more blocks, rounds and timer runs for tighter figures.
 #
 #   scripts/perf.sh [--full] [--blocks N] [--rounds N] [--timer-runs N]
@@ -30,7 +31,7 @@ while (($#)); do
     --blocks) blocks="$2"; shift ;;
     --rounds) rounds="$2"; shift ;;
     --timer-runs) timer_runs="$2"; shift ;;
-    -h|--help) sed -n '2,14p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,15p' "$0"; exit 0 ;;
     *) echo "perf: unknown argument $1" >&2; exit 2 ;;
   esac
   shift
@@ -41,11 +42,11 @@ readonly PERF_PACKAGES=(libevent-dev libev-dev libuv1-dev valgrind rt-tests gnup
 scripts/setup.sh --build-only
 ensure_packages perf "${PERF_PACKAGES[@]}"
 
-build=build/default
+build=build/bench
 out="$build/perf"
-cmake --preset default -DTAVREL_VM_TEST=OFF >/dev/null
+cmake --preset bench >/dev/null
 mapfile -t benches < <(sed -n 's/^tavrel_add_bench(NAME \([A-Za-z0-9_]*\).*/\1/p' bench/CMakeLists.txt)
-cmake --build --preset default --target tavrel-compare tavrel-raw-timerlat tavrel-mapmem \
+cmake --build --preset bench --target tavrel-compare tavrel-raw-timerlat tavrel-mapmem \
   tavrel-timerlat "${benches[@]}"
 
 rm -rf "$out"

@@ -10,7 +10,7 @@ source "$here/lib/packages.sh"
 readonly PACKAGES=(
   cmake ninja-build g++ pkg-config
   clang clang-format libc++-14-dev libc++abi-14-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev googletest libbenchmark-dev
   android-liblog-dev android-libutils-dev
   libevent-dev libev-dev libuv1-dev valgrind
 )
@@ -18,6 +18,8 @@ readonly PACKAGES=(
 ensure_packages setup "${PACKAGES[@]}"
 [[ ${1:-} == --build-only ]] && exit 0
 
-# The 64-bit Arm cross build and its emulator, and the driver test's VM image.
+# GoogleTest for the libc++ build, the 64-bit Arm cross build and its emulator, and the
+# driver test's VM image.
+"$here/libcxx/prepare.sh"
 "$here/arm64/prepare.sh"
 "$here/vm/prepare.sh"

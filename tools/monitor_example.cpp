@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <condition_variable>
-#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -14,31 +13,16 @@
 
 #include "tavrel/IEpollMonitor.h"
 #include "tavrel/IEventObserver.h"
-#include "tavrel/IPrinter.h"
-#include "tavrel/IThreadLoop.h"
-#include "tavrel/platform/ThreadDriver.h"
+#include "tavrel/StdoutPrinter.h"
+#include "tavrel/ThreadDriver.h"
 #include "tavrel/platform/UniqueFd.h"
 
 namespace {
 
 using NSCam::NSTavrel::IEpollMonitor;
 using NSCam::NSTavrel::IEventObserver;
-using NSCam::NSTavrel::IThreadLoop;
 
 constexpr int kSignals = 3;
-
-// Prints each line to stdout.
-class StdoutPrinter : public NSCam::IPrinter {
-public:
-    void printLine(const char* line) override { std::printf("%s\n", line); }
-    void printFormatLine(const char* format, ...) override __attribute__((format(printf, 2, 3))) {
-        va_list args;
-        va_start(args, format);
-        std::vprintf(format, args);
-        va_end(args);
-        std::printf("\n");
-    }
-};
 
 // An eventfd that another thread signals; each readable edge is one "tick".
 class Ticker : public IEventObserver {
@@ -88,7 +72,7 @@ int main() {
         return 1;
     }
     std::shared_ptr<IEpollMonitor> monitor = IEpollMonitor::make("example");
-    tavrel::host::ThreadDriver driver(std::dynamic_pointer_cast<IThreadLoop>(monitor));
+    tavrel::host::ThreadDriver driver(monitor);
     monitor->attach(&ticker, EPOLLIN);
 
     std::thread signaller([&] {
@@ -99,7 +83,7 @@ int main() {
     });
     signaller.join();
 
-    StdoutPrinter printer;
+    NSCam::StdoutPrinter printer;
     monitor->dumpState(&printer);
     driver.stop();
     monitor->detach(&ticker);

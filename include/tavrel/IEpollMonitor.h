@@ -5,14 +5,17 @@
 #include <memory>
 #include <string>
 
+#include "tavrel/Export.h"
 #include "tavrel/IEventObserver.h"
 #include "tavrel/IPrinter.h"
 
 namespace NSCam::NSTavrel {
 
-class IEpollMonitor {
+class TAVREL_SYS_API IEpollMonitor {
 public:
-    virtual ~IEpollMonitor() {}
+    // Does nothing. Defined in the library, so that the interface's type information
+    // and table exist once, there, whatever the compiler inlines.
+    virtual ~IEpollMonitor();
 
     // Any thread, but not while holding a lock the monitor's observers take. Writes the
     // configuration and runtime state as two lines.

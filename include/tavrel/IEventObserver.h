@@ -3,11 +3,13 @@
 
 #include <cstdint>
 
+#include "tavrel/Export.h"
+
 namespace NSCam::NSTavrel {
 
 class IEpollMonitor;
 
-class IEventObserver {
+class TAVREL_SYS_API IEventObserver {
 public:
     // What the monitor hands to onEvent; lives for the duration of the call only.
     struct OnEvent {
@@ -15,7 +17,9 @@ public:
         uint32_t events;         // the epoll event mask as the kernel reported it
     };
 
-    virtual ~IEventObserver() {}
+    // Does nothing. Defined in the library, so that the interface's type information
+    // and table exist once, there, whatever the compiler inlines.
+    virtual ~IEventObserver();
 
     // Any thread. The descriptor to watch; must stay the same while attached.
     virtual int getEventFD() const = 0;

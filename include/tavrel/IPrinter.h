@@ -1,9 +1,11 @@
 // A sink for state dumps: one call, one line.
 #pragma once
 
+#include "tavrel/Export.h"
+
 namespace NSCam {
 
-class IPrinter {
+class TAVREL_SYS_API IPrinter {
 public:
     // Prints `line` as one line.
     virtual void printLine(const char* line) = 0;
@@ -11,7 +13,9 @@ public:
     // Formats with printf conventions and prints the result as one line.
     virtual void printFormatLine(const char* format, ...) __attribute__((format(printf, 2, 3))) = 0;
 
-    virtual ~IPrinter() {}
+    // Does nothing. Defined in the library, so that the interface's type information
+    // and table exist once, there, whatever the compiler inlines.
+    virtual ~IPrinter();
 };
 
 }  // namespace NSCam

@@ -4,9 +4,11 @@
 #include <cstdint>
 #include <string>
 
+#include "tavrel/Export.h"
+
 namespace NSCam::NSTavrel {
 
-class IThreadLoop {
+class TAVREL_SYS_API IThreadLoop {
 public:
     // Given by the thread driver once, before the first threadLoop().
     struct ReadyToRun {
@@ -17,7 +19,9 @@ public:
         int32_t priority = kNotGiven;  // scheduling priority, or kNotGiven
     };
 
-    virtual ~IThreadLoop() {}
+    // Does nothing. Defined in the library, so that the interface's type information
+    // and table exist once, there, whatever the compiler inlines.
+    virtual ~IThreadLoop();
 
     // Any thread. Asks the loop to end and wakes it.
     virtual void requestExit() = 0;

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 
+#include "tavrel/Export.h"
 #include "tavrel/IEventObserver.h"
 #include "tavrel/IPrinter.h"
 
@@ -19,7 +20,7 @@ namespace NSCam::NSTavrel {
 // with startTimerAbsoluteTime(); detach it before dropping the last reference, and when
 // detaching from another thread than the monitor's, keep it alive as long as
 // IEpollMonitor::detach() says.
-class Timer : public IEventObserver, public std::enable_shared_from_this<Timer> {
+class TAVREL_SYS_API Timer : public IEventObserver, public std::enable_shared_from_this<Timer> {
 public:
     // Any thread. `name` may be null; `clockid` is a timerfd clock (CLOCK_MONOTONIC,
     // CLOCK_BOOTTIME, ...); `notify` must not be empty. Starts disarmed. A timerfd that
@@ -60,10 +61,6 @@ public:
     void enableEdgeTrigger();
 
 private:
-    // shared_from_this() as the library would have it without exceptions: a Timer that
-    // no shared_ptr owns ends the process.
-    std::shared_ptr<Timer> strongSelf();
-
     int32_t mLogv;                         // verbose lines on, from a property at construction
     std::string mName;                     // "Timer-" + name, for logs and dumps
     int32_t mFd;                           // the timerfd; its owner tag is &mFd

@@ -14,13 +14,13 @@
 #include <cstring>
 #include <ctime>
 
+#include "HostKeys.h"
 #include "tavrel/platform/Properties.h"
 #include "tavrel/platform/ULogger.h"
 
 namespace {
 
 constexpr const char* kCrashTag = "tavrel-crash";
-constexpr const char* kCrashDirProperty = "tavrel.host.crash.dir";
 constexpr int kTextSize = 4096;
 constexpr int kDirSize = 4096;
 // Room for the folder, a slash and the report's own name.
@@ -75,7 +75,8 @@ void tavrel_ruvex_trigger_exception(const char* module, const char* format, ...)
     va_end(args);
     __android_log_print(ANDROID_LOG_FATAL, kCrashTag, "%s: %s", name, text);
     char dir[kDirSize];
-    if (tavrel::host::property_get(kCrashDirProperty, dir, sizeof(dir)) && dir[0] != '\0') {
+    if (tavrel::host::property_get(tavrel::host::kCrashDirKey, dir, sizeof(dir)) &&
+        dir[0] != '\0') {
         writeReportFile(dir, name, text);
     }
     errno = savedErrno;

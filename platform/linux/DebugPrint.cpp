@@ -9,13 +9,14 @@
 #include <mutex>
 #include <shared_mutex>
 
+#include "HostKeys.h"
+#include "PropertyReport.h"
 #include "PropertyValue.h"
 #include "tavrel/platform/Properties.h"
 
 namespace {
 
 constexpr uint64_t kDefaultModuleMask = uint64_t{1} << 55;
-constexpr const char* kModulesProperty = "tavrel.host.dbgprint.modules";
 constexpr int kLineSize = 1024;
 constexpr int kValueSize = 96;
 constexpr int kPathTextSize = 1024;
@@ -45,8 +46,10 @@ bool deliverToSink(const char* tag, cam_debug_level_t level, const char* text) {
 __attribute__((constructor(101))) void applyDebugPrintProperties() {
     char text[kValueSize];
     uint64_t mask = kDefaultModuleMask;
-    if (tavrel::host::property_get(kModulesProperty, text, sizeof(text)) &&
+    if (tavrel::host::property_get(tavrel::host::kDebugPrintModulesKey, text, sizeof(text)) &&
         !tavrel::host::parseMask(text, &mask)) {
+        tavrel::host::reportBadValue(tavrel::host::kDebugPrintModulesKey, text,
+                                     tavrel::host::kExpectMask64);
         mask = kDefaultModuleMask;
     }
     for (LogInfoLevel& record : g_logInfoLv) record.enableMask.store(mask);

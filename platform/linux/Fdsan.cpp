@@ -7,9 +7,18 @@
 // Tag layout: the descriptor kind `type` in the top byte (bits 56-63), the owner value in
 // the low 56 bits. 0 means "not owned"; any tag made by zelcam_fdsan_create_tag() with a
 // non-zero type is non-zero even for owner 0.
+//
+// The C library's close, dup2 and dup3 do not know the table either, so this library
+// defines all three in front of them: a program that has this library among its direct
+// dependencies finds these first, and a plain close() of an owned descriptor, or a dup2()
+// or dup3() onto one, meets the reaction at the moment it happens, as on the device.
+// Unowned descriptors go straight to the C library's call. What closes a descriptor
+// inside the C library itself (fclose, closedir, close_range, closefrom) or by a raw
+// system call is not seen; README.md lists it.
 #include "tavrel/platform/Fdsan.h"
 
 #include <android/log.h>
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <array>
@@ -21,6 +30,8 @@
 #include <cstring>
 #include <new>
 
+#include "HostKeys.h"
+#include "PropertyReport.h"
 #include "tavrel/platform/Properties.h"
 
 namespace tavrel::host {
@@ -28,7 +39,6 @@ namespace tavrel::host {
 namespace {
 
 constexpr const char* kLogTag = "fdsan";
-constexpr const char* kReactionKey = "tavrel.host.fdsan";
 // Room for the longest reaction name and then some.
 constexpr unsigned long kReactionValueSize = 32;
 // Room for one error message.
@@ -75,18 +85,49 @@ Entry* entryOf(int fd, bool create) {
 FdsanReaction parseReaction(const char* value) {
     if (strcmp(value, "fatal") == 0) return FdsanReaction::kFatal;
     if (strcmp(value, "off") == 0) return FdsanReaction::kOff;
+    if (strcmp(value, "warn_once") != 0)
+        reportBadValue(kFdsanKey, value, "fatal, warn_once or off");
     return FdsanReaction::kWarnOnce;
 }
 
 FdsanReaction loadReaction() {
     char value[kReactionValueSize]{};
-    const FdsanReaction fromProperty = property_get(kReactionKey, value, sizeof(value))
+    const FdsanReaction fromProperty = property_get(kFdsanKey, value, sizeof(value))
                                            ? parseReaction(value)
                                            : FdsanReaction::kWarnOnce;
     int expected = kReactionUnread;
     // A reaction set meanwhile by setFdsanReaction() wins over the property.
     sReaction.compare_exchange_strong(expected, static_cast<int>(fromProperty));
     return static_cast<FdsanReaction>(sReaction.load());
+}
+
+// The C library's calls that this library's close, dup2 and dup3 stand in front of.
+struct LibcCalls {
+    int (*close)(int fd);
+    int (*dup2)(int oldFd, int newFd);
+    int (*dup3)(int oldFd, int newFd, int flags);
+};
+
+// The next definition after this library's own, which is the C library's (or that of a
+// tool's interceptor loaded after us); the first one in the process when this library
+// came after the C library, in which case its own definitions are never called anyway.
+template <typename Call>
+Call nextCall(const char* name) {
+    void* call = dlsym(RTLD_NEXT, name);
+    if (call == nullptr) call = dlsym(RTLD_DEFAULT, name);
+    return reinterpret_cast<Call>(call);
+}
+
+const LibcCalls& libcCalls() {
+    static const LibcCalls sCalls{nextCall<decltype(LibcCalls::close)>("close"),
+                                  nextCall<decltype(LibcCalls::dup2)>("dup2"),
+                                  nextCall<decltype(LibcCalls::dup3)>("dup3")};
+    return sCalls;
+}
+
+// Looks the calls up at load, so that no close() has to, not even one in a signal handler.
+__attribute__((constructor(101))) void lookUpLibcCalls() {
+    libcCalls();
 }
 
 // Reports an ownership error with the reaction in force. Returns only when it is not
@@ -127,7 +168,27 @@ uint64_t fdsanGetTag(int fd) {
 }  // namespace tavrel::host
 
 using tavrel::host::entryOf;
+using tavrel::host::libcCalls;
 using tavrel::host::reportError;
+
+namespace {
+
+// Tag type of the plain C library calls, which carry no tag.
+constexpr int kUntagged = 0;
+
+// `fd` is about to be closed by a dup2() or dup3() onto it, named by `call`: an owned
+// descriptor is an ownership error, and loses its tag when the reaction lets it go on.
+void releaseReplaced(int fd, const char* call) {
+    tavrel::host::Entry* entry = entryOf(fd, false);
+    if (entry == nullptr) return;
+    const uint64_t current = entry->load(std::memory_order_relaxed);
+    if (current == 0) return;
+    reportError("fdsan: attempted to %s onto fd %d but it is owned by 0x%" PRIx64, call, fd,
+                current);
+    entry->store(0);
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -171,6 +232,28 @@ int zelcam_fdsan_close_with_tag(int fd, uint64_t tag, int /*type*/) {
         entry->store(0);
     }
     return close(fd);
+}
+
+// A close() without a tag: the same as closing with tag 0, so an owned descriptor meets
+// the reaction before it is closed.
+TAVREL_PLATFORM_API int close(int fd) {
+    const tavrel::host::Entry* entry = entryOf(fd, false);
+    if (entry != nullptr && entry->load(std::memory_order_relaxed) != 0) {
+        return zelcam_fdsan_close_with_tag(fd, 0, kUntagged);
+    }
+    return libcCalls().close(fd);
+}
+
+// Moving a descriptor onto its own number closes nothing, and neither does dup3's refusal
+// of it.
+TAVREL_PLATFORM_API int dup2(int oldFd, int newFd) noexcept {
+    if (oldFd != newFd) releaseReplaced(newFd, "dup2");
+    return libcCalls().dup2(oldFd, newFd);
+}
+
+TAVREL_PLATFORM_API int dup3(int oldFd, int newFd, int flags) noexcept {
+    if (oldFd != newFd) releaseReplaced(newFd, "dup3");
+    return libcCalls().dup3(oldFd, newFd, flags);
 }
 
 }  // extern "C"

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "HostKeys.h"
 #include "tavrel/platform/Properties.h"
 
 namespace tavrel::host {
@@ -28,7 +29,7 @@ std::atomic<int> sOutputFd{STDERR_FILENO};
 
 void openHostLogOutput() {
     char path[kPathSize];
-    if (!property_get(kULogFileProperty, path, sizeof(path)) || path[0] == '\0') return;
+    if (!property_get(kULogFileKey, path, sizeof(path)) || path[0] == '\0') return;
     const int fd = ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kLogFileMode);
     if (fd < 0) {
         std::fprintf(stderr, "tavrel-ulog: cannot open %s: %s; logging to stderr\n", path,

@@ -3,10 +3,7 @@
 
 namespace tavrel::host {
 
-// Property naming a file that the default unified logger appends to instead of stderr.
-inline constexpr const char* kULogFileProperty = "tavrel.host.ulog.file";
-
-// Load time (before other libraries' initialisers). Opens the file the property names,
+// Load time (before other libraries' initialisers). Opens the file kULogFileKey names,
 // if any; when it cannot be opened, says so on stderr and keeps stderr.
 void openHostLogOutput();
 

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "PropertyFile.h"
+#include "PropertyReport.h"
 #include "PropertyValue.h"
 
 namespace tavrel::host {
@@ -68,6 +69,7 @@ bool property_get(const char* key, char* out, unsigned long size) {
 
 void property_set(const char* key, const char* value) {
     if (key == nullptr) return;
+    checkHostKey(key, "");
     store().set(key, value);
 }
 
@@ -82,6 +84,7 @@ int32_t property_get_int32(const char* key, int32_t defaultValue) {
     int64_t parsed = 0;
     if (!tavrel::host::parseInteger(value->c_str(), std::numeric_limits<int32_t>::min(),
                                     std::numeric_limits<int32_t>::max(), &parsed)) {
+        tavrel::host::reportBadValue(key, value->c_str(), tavrel::host::kExpectInt32);
         return defaultValue;
     }
     return static_cast<int32_t>(parsed);
@@ -92,7 +95,10 @@ int8_t property_get_bool(const char* key, int8_t defaultValue) {
     const std::optional<std::string> value = tavrel::host::store().get(key);
     if (!value) return defaultValue;
     const int parsed = tavrel::host::parseBool(value->c_str());
-    if (parsed < 0) return defaultValue;
+    if (parsed < 0) {
+        tavrel::host::reportBadValue(key, value->c_str(), tavrel::host::kExpectBool);
+        return defaultValue;
+    }
     return static_cast<int8_t>(parsed);
 }
 

@@ -4,7 +4,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <string_view>
+
+#include "PropertyReport.h"
 
 namespace tavrel::host {
 namespace {
@@ -19,16 +22,17 @@ std::string_view trim(std::string_view text) {
     return text.substr(first, last - first + 1);
 }
 
-// Applies one line; returns the reason it was rejected, or null when it was taken or
-// carries nothing.
-const char* applyLine(std::string_view line, std::map<std::string, std::string>* into) {
+// Applies one line, setting `key` to the key it sets; returns the reason it was rejected,
+// or null when it was taken or carries nothing.
+const char* applyLine(std::string_view line, std::map<std::string, std::string>* into,
+                      std::string* key) {
     const std::string_view content = trim(line);
     if (content.empty() || content.front() == '#') return nullptr;
     const size_t equals = content.find('=');
     if (equals == std::string_view::npos) return "no '='";
-    const std::string_view key = trim(content.substr(0, equals));
-    if (key.empty()) return "empty key";
-    (*into)[std::string(key)] = std::string(trim(content.substr(equals + 1)));
+    *key = trim(content.substr(0, equals));
+    if (key->empty()) return "empty key";
+    (*into)[*key] = std::string(trim(content.substr(equals + 1)));
     return nullptr;
 }
 
@@ -45,8 +49,14 @@ void loadPropertyFile(const char* path, std::map<std::string, std::string>* into
     int lineNumber = 0;
     for (ssize_t length; (length = getline(&line, &capacity, file)) >= 0;) {
         ++lineNumber;
-        const char* reason = applyLine(std::string_view(line, static_cast<size_t>(length)), into);
-        if (reason == nullptr) continue;
+        std::string key;
+        const char* reason =
+            applyLine(std::string_view(line, static_cast<size_t>(length)), into, &key);
+        if (reason == nullptr) {
+            checkHostKey(key.c_str(),
+                         (std::string(path) + ":" + std::to_string(lineNumber) + ": ").c_str());
+            continue;
+        }
         std::fprintf(stderr, "%s: %s:%d: malformed line skipped (%s)\n", kReportPrefix, path,
                      lineNumber, reason);
     }

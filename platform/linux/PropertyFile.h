@@ -10,7 +10,8 @@ namespace tavrel::host {
 // earlier one. Blank lines and lines starting with '#' are ignored; whitespace around
 // key and value is dropped. A line without '=' or with an empty key is reported on
 // stderr with the file name and line number and skipped; so is a file that cannot be
-// opened. Called once per process, by the store, on the thread that first reads it.
+// opened, and a tavrel.host.* key that no host service reads (its value is kept). Called once per
+// process, by the store, on the thread that first reads it.
 void loadPropertyFile(const char* path, std::map<std::string, std::string>* into);
 
 }  // namespace tavrel::host

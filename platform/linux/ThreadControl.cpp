@@ -24,11 +24,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "HostKeys.h"
+#include "PropertyReport.h"
 #include "tavrel/platform/Properties.h"
 
 namespace {
 
-constexpr const char* kAffinityKey = "tavrel.host.perfctrl.affinity";
 // Room for a CPU list property ("0-3,6,8-11").
 constexpr unsigned long kAffinityValueSize = 256;
 // The kernel keeps 15 characters of a thread name, plus the terminator.
@@ -133,11 +134,15 @@ void customizeThreadReadyToRun(const char* name, size_t length) {
 
 extern "C" int zelcam_perfctrl_set_affinity() {
     char value[kAffinityValueSize] = {};
-    if (!tavrel::host::property_get(kAffinityKey, value, sizeof(value)) || value[0] == '\0') {
+    if (!tavrel::host::property_get(tavrel::host::kAffinityKey, value, sizeof(value)) ||
+        value[0] == '\0') {
         return 0;
     }
     cpu_set_t set;
-    if (!parseCpuList(value, &set)) return -EINVAL;
+    if (!parseCpuList(value, &set)) {
+        tavrel::host::reportBadValue(tavrel::host::kAffinityKey, value, "a CPU list such as 0-1,3");
+        return -EINVAL;
+    }
     if (sched_setaffinity(0, sizeof(set), &set) != 0) return -errno;
     return 0;
 }

@@ -19,16 +19,14 @@
 #include <shared_mutex>
 #include <string>
 
+#include "HostKeys.h"
+#include "PropertyReport.h"
+#include "PropertyValue.h"
 #include "tavrel/platform/Properties.h"
 
 namespace tavrel::host {
 
 namespace {
-
-constexpr const char* kTraceBitsKey = "tavrel.host.trace.bits";
-constexpr const char* kTraceTagsKey = "tavrel.host.trace.tags";
-constexpr const char* kKernelMarkerKey = "tavrel.host.trace.kernel_marker";
-constexpr const char* kTraceFileKey = "tavrel.host.trace.file";
 
 // Where the kernel offers its marker file, newest mount point first.
 constexpr const char* kKernelMarkers[] = {"/sys/kernel/tracing/trace_marker",
@@ -60,25 +58,22 @@ constexpr const char kFtraceHeader[] =
 // A 64-bit decimal or 0x-hex property; 0 when unset or malformed.
 uint64_t loadMask(const char* key) {
     char value[kValueSize];
-    if (!property_get(key, value, sizeof(value)) || value[0] == '\0') return 0;
-    const bool hex = value[0] == '0' && (value[1] == 'x' || value[1] == 'X');
-    const char* digits = hex ? value + 2 : value;
-    if (*digits == '\0' || *digits == '-' || *digits == '+') return 0;
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long long mask = strtoull(digits, &end, hex ? 16 : 10);
-    if (errno != 0 || *end != '\0') return 0;
+    if (!property_get(key, value, sizeof(value))) return 0;
+    uint64_t mask = 0;
+    if (!parseMask(value, &mask)) {
+        reportBadValue(key, value, kExpectMask64);
+        return 0;
+    }
     return mask;
 }
 
-// Same spellings as the stack's boolean properties.
+// Same spellings as the stack's boolean properties; false when unset or malformed.
 bool loadBool(const char* key) {
     char value[kValueSize];
     if (!property_get(key, value, sizeof(value))) return false;
-    for (const char* yes : {"1", "y", "yes", "on", "true"}) {
-        if (strcmp(value, yes) == 0) return true;
-    }
-    return false;
+    const int parsed = parseBool(value);
+    if (parsed < 0) reportBadValue(key, value, kExpectBool);
+    return parsed == 1;
 }
 
 // Where markers go. Replaced as a whole under the writer lock; markers are written under
@@ -132,7 +127,7 @@ void replaceOutput(Output next) {
 }
 
 void configureFromProperties() {
-    if (loadBool(kKernelMarkerKey)) {
+    if (loadBool(kTraceKernelMarkerKey)) {
         const int fd = openKernelMarker();
         if (fd >= 0) {
             replaceOutput(Output{fd, false, {}});

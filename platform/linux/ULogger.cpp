@@ -3,7 +3,9 @@
 
 #include <limits>
 
+#include "HostKeys.h"
 #include "HostLogOutput.h"
+#include "PropertyReport.h"
 #include "PropertyValue.h"
 #include "tavrel/platform/Properties.h"
 
@@ -13,9 +15,6 @@ namespace {
 constexpr uint32_t kDefaultMode = 2;  // unified route only
 constexpr uint32_t kDefaultDetailsLevel = 2;
 constexpr uint32_t kDefaultDetailsMask = 0;
-constexpr const char* kModeProperty = "tavrel.host.ulog.mode";
-constexpr const char* kDetailsLevelProperty = "tavrel.host.ulog.details_level";
-constexpr const char* kDetailsMaskProperty = "tavrel.host.ulog.details_mask";
 constexpr int kValueSize = 96;
 
 // The switches are unsigned 32-bit masks: decimal or 0x-hex, no sign.
@@ -23,8 +22,10 @@ uint32_t switchProperty(const char* key, uint32_t defaultValue) {
     char text[kValueSize];
     if (!tavrel::host::property_get(key, text, sizeof(text))) return defaultValue;
     uint64_t value = 0;
-    if (!tavrel::host::parseMask(text, &value)) return defaultValue;
-    if (value > std::numeric_limits<uint32_t>::max()) return defaultValue;
+    if (!tavrel::host::parseMask(text, &value) || value > std::numeric_limits<uint32_t>::max()) {
+        tavrel::host::reportBadValue(key, text, tavrel::host::kExpectUnsigned32);
+        return defaultValue;
+    }
     return static_cast<uint32_t>(value);
 }
 
@@ -79,9 +80,11 @@ namespace {
 // Runs before ordinary static initialisers of this and every dependent library, so
 // their initialisers already see the configured switches and output.
 __attribute__((constructor(101))) void applyULogProperties() {
-    ULogger::sMode.store(switchProperty(kModeProperty, kDefaultMode));
-    ULogger::sDetailsLevel.store(switchProperty(kDetailsLevelProperty, kDefaultDetailsLevel));
-    ULogger::sNormalDetailsMask.store(switchProperty(kDetailsMaskProperty, kDefaultDetailsMask));
+    ULogger::sMode.store(switchProperty(tavrel::host::kULogModeKey, kDefaultMode));
+    ULogger::sDetailsLevel.store(
+        switchProperty(tavrel::host::kULogDetailsLevelKey, kDefaultDetailsLevel));
+    ULogger::sNormalDetailsMask.store(
+        switchProperty(tavrel::host::kULogDetailsMaskKey, kDefaultDetailsMask));
     tavrel::host::openHostLogOutput();
 }
 

@@ -14,9 +14,9 @@
 
 #include "tavrel/IEpollMonitor.h"
 #include "tavrel/IThreadLoop.h"
+#include "tavrel/ThreadDriver.h"
 #include "tavrel/platform/DebugPrint.h"
 #include "tavrel/platform/Properties.h"
-#include "tavrel/platform/ThreadDriver.h"
 #include "tavrel/platform/ULogger.h"
 #include "tavrel/platform/UniqueFd.h"
 

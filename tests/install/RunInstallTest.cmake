@@ -1,9 +1,15 @@
-# Script of the install test (cmake -P). Inputs: BUILD_DIR, WORK_DIR, CONSUMER_DIR,
-# GENERATOR, CXX, CXX_FLAGS, LINK_FLAGS, USE_LIBCXX, PKG_CONFIG, and for a cross build
-# TOOLCHAIN_FILE and EMULATOR (its command, words apart by spaces; empty when native).
+# Script of the install test (cmake -P). Inputs: BUILD_DIR, SOURCE_DIR, WORK_DIR,
+# CONSUMER_DIR, EXPORTS, GENERATOR, CXX, CXX_FLAGS, LINK_FLAGS, USE_LIBCXX, PKG_CONFIG, NM,
+# and for a cross build TOOLCHAIN_FILE and EMULATOR (its command, words apart by spaces;
+# empty when native).
 cmake_minimum_required(VERSION 3.25)
 
-set(kExpectedOutput "consumer: eventfd created and closed, thread id matches\n")
+set(kConsumerOutput "consumer: eventfd created and closed, thread id matches\n")
+# The README's example prints the monitor's two state lines and what it saw.
+set(kReadmeOutput "^P2DrvEP-readme: logv:0 { P2DrvEP-readme \\.mEpollFd=[0-9]+ \\.mEventFd=[0-9]+ }
+    { #attach=1 #detach=0 \\.mActive=1 \\.mFdObserverMap={ attach=\\[ \\([0-9]+, 0x[0-9a-f]+\\) \\] } }
+signals seen: 1
+$")
 
 # Runs a command and stops the test with its output when it fails.
 function(run)
@@ -18,23 +24,77 @@ endfunction()
 # A cross-built consumer runs through the emulator: the host cannot execute it directly.
 separate_arguments(emulator UNIX_COMMAND "${EMULATOR}")
 
-function(expect_consumer_output program)
-  run(${emulator} ${program})
-  if(NOT RUN_OUTPUT STREQUAL kExpectedOutput)
-    message(FATAL_ERROR "${program} printed:\n${RUN_OUTPUT}\nexpected:\n${kExpectedOutput}")
+function(expect_outputs consumer readme)
+  run(${emulator} ${consumer})
+  if(NOT RUN_OUTPUT STREQUAL kConsumerOutput)
+    message(FATAL_ERROR "${consumer} printed:\n${RUN_OUTPUT}\nexpected:\n${kConsumerOutput}")
+  endif()
+  run(${emulator} ${readme})
+  if(NOT RUN_OUTPUT MATCHES "${kReadmeOutput}")
+    message(FATAL_ERROR "${readme} printed:\n${RUN_OUTPUT}\nexpected:\n${kReadmeOutput}")
   endif()
 endfunction()
 
-set(prefix ${WORK_DIR}/prefix)
+# Install, then move the tree: everything below must work from where it was moved to.
 file(REMOVE_RECURSE ${WORK_DIR})
-run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+set(staging ${WORK_DIR}/staging)
+set(prefix ${WORK_DIR}/moved/prefix)
+run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${staging})
+file(MAKE_DIRECTORY ${WORK_DIR}/moved)
+file(RENAME ${staging} ${prefix})
+file(GLOB_RECURSE packageFiles ${prefix}/*.cmake ${prefix}/*.pc)
+foreach(file IN LISTS packageFiles)
+  file(READ ${file} text)
+  foreach(path IN ITEMS ${staging} ${BUILD_DIR} ${SOURCE_DIR})
+    string(FIND "${text}" "${path}" found)
+    if(NOT found EQUAL -1)
+      message(FATAL_ERROR "${file} names ${path}")
+    endif()
+  endforeach()
+endforeach()
 
-set(flags "${CXX_FLAGS}")
-if(USE_LIBCXX)
-  string(APPEND flags " -stdlib=libc++")
+# The libraries export exactly the public API listed in EXPORTS, as "<library> <symbol>"
+# with the standard library's inline namespaces left out of the names.
+set(exported "")
+file(GLOB libraries ${prefix}/lib*/libtavrel_*.so)
+foreach(library IN LISTS libraries)
+  get_filename_component(name ${library} NAME)
+  run(${NM} -D --defined-only -C ${library})
+  string(REGEX REPLACE "(^|\n)[0-9a-f]+ [A-Za-z] " "\\1${name} " symbols "${RUN_OUTPUT}")
+  string(REGEX REPLACE "std::(__1|__cxx11)::" "std::" symbols "${symbols}")
+  string(REPLACE "[abi:cxx11]" "" symbols "${symbols}")
+  string(APPEND exported "${symbols}")
+endforeach()
+string(REGEX REPLACE "\n$" "" exported "${exported}")
+string(REPLACE "\n" ";" exported "${exported}")
+list(SORT exported)
+list(REMOVE_DUPLICATES exported)
+file(STRINGS ${EXPORTS} expected REGEX "^[^#]")
+list(SORT expected)
+if(NOT exported STREQUAL expected)
+  set(extra ${exported})
+  list(REMOVE_ITEM extra ${expected})
+  set(missing ${expected})
+  list(REMOVE_ITEM missing ${exported})
+  list(JOIN extra "\n  " extra)
+  list(JOIN missing "\n  " missing)
+  message(FATAL_ERROR "exported but not listed:\n  ${extra}\nlisted but not exported:\n  ${missing}")
 endif()
+
+# The README's example, as the README shows it.
+file(READ ${SOURCE_DIR}/README.md readme)
+string(FIND "${readme}" "```cpp\n" start)
+string(SUBSTRING "${readme}" ${start} -1 readme)
+string(REGEX REPLACE "^```cpp\n" "" readme "${readme}")
+string(FIND "${readme}" "\n```" end)
+string(SUBSTRING "${readme}" 0 ${end} readme)
+set(readmeProgram ${WORK_DIR}/readme.cpp)
+file(WRITE ${readmeProgram} "${readme}\n")
+
+set(flags "${CXX_FLAGS} -Wall -Wextra -Werror")
 set(linkFlags "${LINK_FLAGS}")
 if(USE_LIBCXX)
+  string(APPEND flags " -stdlib=libc++")
   string(APPEND linkFlags " -stdlib=libc++")
 endif()
 
@@ -45,20 +105,26 @@ if(TOOLCHAIN_FILE)
 endif()
 run(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/cmake-consumer -G ${GENERATOR}
   ${toolchain} -DCMAKE_CXX_COMPILER=${CXX} "-DCMAKE_CXX_FLAGS=${flags}"
-  "-DCMAKE_EXE_LINKER_FLAGS=${linkFlags}" -DCMAKE_PREFIX_PATH=${prefix})
+  "-DCMAKE_EXE_LINKER_FLAGS=${linkFlags}" -DCMAKE_PREFIX_PATH=${prefix}
+  -DREADME_PROGRAM=${readmeProgram})
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-consumer)
-expect_consumer_output(${WORK_DIR}/cmake-consumer/tavrel_consumer)
+expect_outputs(${WORK_DIR}/cmake-consumer/tavrel_consumer ${WORK_DIR}/cmake-consumer/tavrel_readme)
 
-# Through pkg-config, with the compiler alone.
+# Through pkg-config, with the compiler alone. The .pc file names no runpath; the program
+# gives its own.
 file(GLOB_RECURSE pcFile ${prefix}/*/tavrel-sys.pc)
-if(NOT pcFile)
-  message(FATAL_ERROR "tavrel-sys.pc is not installed under ${prefix}")
-endif()
 get_filename_component(pcDir "${pcFile}" DIRECTORY)
 run(${CMAKE_COMMAND} -E env PKG_CONFIG_PATH=${pcDir} ${PKG_CONFIG} --cflags --libs tavrel-sys)
+if(RUN_OUTPUT MATCHES "rpath")
+  message(FATAL_ERROR "tavrel-sys.pc gives a runpath: ${RUN_OUTPUT}")
+endif()
 separate_arguments(pcFlags UNIX_COMMAND "${RUN_OUTPUT}")
 separate_arguments(compileFlags UNIX_COMMAND "${flags}")
 separate_arguments(linkerFlags UNIX_COMMAND "${linkFlags}")
-run(${CXX} -std=c++17 ${compileFlags} ${CONSUMER_DIR}/main.cpp ${pcFlags} ${linkerFlags}
-  -o ${WORK_DIR}/pkg-config-consumer)
-expect_consumer_output(${WORK_DIR}/pkg-config-consumer)
+get_filename_component(libDir "${pcDir}" DIRECTORY)
+foreach(program IN ITEMS ${CONSUMER_DIR}/main.cpp ${readmeProgram})
+  get_filename_component(name ${program} NAME_WE)
+  run(${CXX} ${compileFlags} ${program} ${pcFlags} ${linkerFlags} -Wl,-rpath,${libDir}
+    -o ${WORK_DIR}/pkg-config-${name})
+endforeach()
+expect_outputs(${WORK_DIR}/pkg-config-main ${WORK_DIR}/pkg-config-readme)

@@ -3,9 +3,9 @@
 #include <cwchar>
 
 #include "common/Support.h"
+#include "tavrel/ULogPrinter.h"
 #include "utils/log/FatalReport.h"
 #include "utils/log/Log.h"
-#include "utils/log/ULogPrinter.h"
 
 namespace tavrel::test {
 namespace {

@@ -11,7 +11,7 @@
 #include "LatencyProbe.h"
 #include "tavrel/IEpollMonitor.h"
 #include "tavrel/IThreadLoop.h"
-#include "tavrel/platform/ThreadDriver.h"
+#include "tavrel/ThreadDriver.h"
 
 namespace tavrel::timerlat {
 namespace {

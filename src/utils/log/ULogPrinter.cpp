@@ -1,4 +1,4 @@
-#include "utils/log/ULogPrinter.h"
+#include "tavrel/ULogPrinter.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -21,6 +21,25 @@ uint32_t loadSwitch(const std::atomic<uint32_t>& value) {
     return value.load(std::memory_order_relaxed);
 }
 
+// Whether the unified logger's switches want a line of `level` from `moduleId`.
+bool wanted(uint32_t level, uint32_t moduleId) {
+    if (loadSwitch(ULogger::sDetailsLevel) < level) return false;
+    if (level < kModuleCheckedLevel) return true;
+    const uint32_t module = moduleId & loadSwitch(ULogger::sNormalDetailsMask);
+    return (module & kModuleGroupBits) != 0 && (module & kModuleUnitBits) != 0;
+}
+
+// Sends `text` down both routes, Android log first; `length` goes to the unified logger.
+void write(android::LogPrinter& logPrinter, uint32_t moduleId, const char* tag, uint32_t level,
+           const char* text, int length) {
+    const uint32_t mode = loadSwitch(ULogger::sMode);
+    if ((mode & NSTavrel::Log::kDebugPrintRouteBit) != 0) logPrinter.printLine(text);
+    if ((mode & NSTavrel::Log::kUnifiedRouteBits) != 0) {
+        ULogger::sULogger.load(std::memory_order_acquire)
+            ->writeLine(moduleId, tag, static_cast<int>(level), text, length);
+    }
+}
+
 }  // namespace
 
 ULogPrinter::ULogPrinter(const char* tag, uint32_t moduleId, uint32_t level,
@@ -34,29 +53,13 @@ ULogPrinter::ULogPrinter(const char* tag, uint32_t moduleId, uint32_t level,
 
 ULogPrinter::~ULogPrinter() = default;
 
-bool ULogPrinter::wanted() const {
-    if (loadSwitch(ULogger::sDetailsLevel) < mLevel) return false;
-    if (mLevel < kModuleCheckedLevel) return true;
-    const uint32_t module = mModuleId & loadSwitch(ULogger::sNormalDetailsMask);
-    return (module & kModuleGroupBits) != 0 && (module & kModuleUnitBits) != 0;
-}
-
-void ULogPrinter::write(const char* text, int length) {
-    const uint32_t mode = loadSwitch(ULogger::sMode);
-    if ((mode & NSTavrel::Log::kDebugPrintRouteBit) != 0) mLogPrinter.printLine(text);
-    if ((mode & NSTavrel::Log::kUnifiedRouteBits) != 0) {
-        ULogger::sULogger.load(std::memory_order_acquire)
-            ->writeLine(mModuleId, mTag, static_cast<int>(mLevel), text, length);
-    }
-}
-
 void ULogPrinter::printLine(const char* line) {
-    if (!wanted()) return;
-    write(line, static_cast<int>(std::strlen(line)));
+    if (!wanted(mLevel, mModuleId)) return;
+    write(mLogPrinter, mModuleId, mTag, mLevel, line, static_cast<int>(std::strlen(line)));
 }
 
 void ULogPrinter::printFormatLine(const char* format, ...) {
-    if (!wanted()) return;
+    if (!wanted(mLevel, mModuleId)) return;
     char text[NSTavrel::Log::kLineSize] = {};
     va_list args;
     va_start(args, format);
@@ -68,7 +71,7 @@ void ULogPrinter::printFormatLine(const char* format, ...) {
         length = 0;
     }
     text[sizeof(text) - 1] = '\0';
-    write(text, length);
+    write(mLogPrinter, mModuleId, mTag, mLevel, text, length);
 }
 
 }  // namespace NSCam::Utils::ULog

@@ -14,13 +14,13 @@
 #include <utility>
 
 #include "tavrel/SystemCall.h"
+#include "tavrel/ULogPrinter.h"
 #include "tavrel/platform/Properties.h"
 #include "tavrel/platform/ThreadControl.h"
 #include "utils/log/FatalReport.h"
 #include "utils/log/FileSettings.h"
 #include "utils/log/Log.h"
 #include "utils/log/TraceSection.h"
-#include "utils/log/ULogPrinter.h"
 
 TAVREL_DEFINE_FILE_SETTINGS();
 

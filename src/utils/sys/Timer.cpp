@@ -68,6 +68,14 @@ std::string toString(itimerspec const& t) {
     return out.str();
 }
 
+// shared_from_this() as the library would have it without exceptions: a Timer that no
+// shared_ptr owns ends the process.
+std::shared_ptr<Timer> strongSelf(Timer* timer) {
+    std::shared_ptr<Timer> self = timer->weak_from_this().lock();
+    if (self == nullptr) abortAsThrown("bad_weak_ptr");
+    return self;
+}
+
 }  // namespace
 
 Timer::Timer(const char* name, int clockid, std::function<void()> notify)
@@ -84,12 +92,6 @@ Timer::~Timer() {
     System::Close(mFd, ownerOf(&mFd));
 }
 
-std::shared_ptr<Timer> Timer::strongSelf() {
-    std::shared_ptr<Timer> self = weak_from_this().lock();
-    if (self == nullptr) abortAsThrown("bad_weak_ptr");
-    return self;
-}
-
 int Timer::getEventFD() const {
     return mFd;
 }
@@ -104,7 +106,7 @@ uint32_t Timer::getEventType() const {
 
 void Timer::onEvent(IEventObserver::OnEvent const& /*event*/) {
     // Keeps the Timer alive through the callback, which may drop its owner's reference.
-    std::shared_ptr<Timer> self = strongSelf();
+    std::shared_ptr<Timer> self = strongSelf(this);
     if (self == nullptr) {
         TAVREL_LOGW("[%s] Timer instance has gone", __func__);
         return;

@@ -1,11 +1,13 @@
 // Crash reports with a dispatch key, and the request to end the camera service.
 #pragma once
 
+#include "tavrel/platform/Export.h"
+
 namespace NSCam::NSTavrel {
 
 // Any thread. Writes a crash report for `module` with the formatted text at fatal
 // priority to the Android log (and to a report file when configured), then returns.
-void tavrel_ruvex_trigger_exception(const char* module, const char* format, ...)
+TAVREL_PLATFORM_API void tavrel_ruvex_trigger_exception(const char* module, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 
 }  // namespace NSCam::NSTavrel
@@ -16,6 +18,6 @@ namespace NSCam::Utils {
 inline constexpr int kTerminateServiceExitStatus = 70;
 
 // Any thread. Flushes the loggers and ends the process with kTerminateServiceExitStatus.
-void terminateService();
+TAVREL_PLATFORM_API void terminateService();
 
 }  // namespace NSCam::Utils

@@ -4,6 +4,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "tavrel/platform/Export.h"
+
 enum cam_debug_level_t : int {
     CAM_DEBUG_VERBOSE = 0,
     CAM_DEBUG_ERROR = 1,
@@ -20,13 +22,14 @@ struct LogInfoLevel {
 inline constexpr int kLogInfoLevels = 4;
 
 // Indexed by cam_debug_level_t. Masks may be changed at run time by any thread.
-extern LogInfoLevel g_logInfoLv[kLogInfoLevels];
+extern TAVREL_PLATFORM_API LogInfoLevel g_logInfoLv[kLogInfoLevels];
 
 // Any thread. Formats `fmt` with the arguments and writes it at `level`.
-void log_dbg_print(const char* tag, cam_debug_level_t level, const char* fmt, ...);
+TAVREL_PLATFORM_API void log_dbg_print(const char* tag, cam_debug_level_t level, const char* fmt,
+                                       ...);
 
 // Any thread. The text shown for `path` in a debug-print header; never contains '%'.
-const char* get_filename_log_control(const char* path);
+TAVREL_PLATFORM_API const char* get_filename_log_control(const char* path);
 
 namespace tavrel::host {
 
@@ -35,6 +38,6 @@ using DebugPrintSink = void (*)(void* cookie, const char* tag, cam_debug_level_t
                                 const char* text);
 
 // Any thread. A null sink restores the Android log. The sink runs on the logging thread.
-void setDebugPrintSink(DebugPrintSink sink, void* cookie);
+TAVREL_PLATFORM_API void setDebugPrintSink(DebugPrintSink sink, void* cookie);
 
 }  // namespace tavrel::host

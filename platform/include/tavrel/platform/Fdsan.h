@@ -4,18 +4,21 @@
 
 #include <cstdint>
 
+#include "tavrel/platform/Export.h"
+
 extern "C" {
 
 // Builds the tag of `owner` for descriptors of kind `type`.
-uint64_t zelcam_fdsan_create_tag(unsigned long owner, int type);
+TAVREL_PLATFORM_API uint64_t zelcam_fdsan_create_tag(unsigned long owner, int type);
 
 // Sets the tag of `fd` to `newTag` if it currently is `expectedTag`; a mismatch is an
 // ownership error. Returns 0, or -1 on a mismatch that was only reported.
-int zelcam_fdsan_exchange_tag(int fd, uint64_t expectedTag, uint64_t newTag, int type);
+TAVREL_PLATFORM_API int zelcam_fdsan_exchange_tag(int fd, uint64_t expectedTag, uint64_t newTag,
+                                                  int type);
 
 // Closes `fd` if its tag is `tag`, clearing the tag. Returns close()'s result; a mismatch
 // is an ownership error and the descriptor is not closed when the reaction is fatal.
-int zelcam_fdsan_close_with_tag(int fd, uint64_t tag, int type);
+TAVREL_PLATFORM_API int zelcam_fdsan_close_with_tag(int fd, uint64_t tag, int type);
 
 }  // extern "C"
 
@@ -24,10 +27,10 @@ namespace tavrel::host {
 enum class FdsanReaction { kOff, kWarnOnce, kFatal };
 
 // Any thread. Initially from the property "tavrel.host.fdsan" (fatal, warn_once, off).
-void setFdsanReaction(FdsanReaction reaction);
-FdsanReaction fdsanReaction();
+TAVREL_PLATFORM_API void setFdsanReaction(FdsanReaction reaction);
+TAVREL_PLATFORM_API FdsanReaction fdsanReaction();
 
 // The tag `fd` carries now (0 when none).
-uint64_t fdsanGetTag(int fd);
+TAVREL_PLATFORM_API uint64_t fdsanGetTag(int fd);
 
 }  // namespace tavrel::host

@@ -3,23 +3,25 @@
 
 #include <cstddef>
 
+#include "tavrel/platform/Export.h"
+
 namespace NSCam::Thread {
 
 // The calling thread's kernel thread id.
-int getThisThread();
+TAVREL_PLATFORM_API int getThisThread();
 
 // Applies `policy` and `priority` (the camera stack's numbering, see README) to thread
 // `tid`. Returns 0, or a negative errno; a refused request changes nothing.
-int setThreadPriority(int tid, int priority, int policy);
+TAVREL_PLATFORM_API int setThreadPriority(int tid, int priority, int policy);
 
 }  // namespace NSCam::Thread
 
 // Calling thread only. Names the calling thread (the kernel keeps 15 characters) and
 // applies the stack's per-thread customisation. `name` need not be terminated.
-void customizeThreadReadyToRun(const char* name, size_t length);
+TAVREL_PLATFORM_API void customizeThreadReadyToRun(const char* name, size_t length);
 
 extern "C" {
 // Calling thread only. Applies the CPU list of the affinity property; does nothing when
 // it is unset. Returns 0, or a negative errno.
-int zelcam_perfctrl_set_affinity();
+TAVREL_PLATFORM_API int zelcam_perfctrl_set_affinity();
 }

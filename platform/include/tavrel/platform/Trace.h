@@ -9,32 +9,34 @@
 #include <atomic>
 #include <cstdint>
 
+#include "tavrel/platform/Export.h"
+
 namespace tavrel::host {
 
 // The masks live in exported atomics so that a gate costs one relaxed load, not a call.
-extern std::atomic<uint64_t> gTavrelTraceBits;
-extern std::atomic<uint64_t> gAtraceEnabledTags;
+extern TAVREL_PLATFORM_API std::atomic<uint64_t> gTavrelTraceBits;
+extern TAVREL_PLATFORM_API std::atomic<uint64_t> gAtraceEnabledTags;
 
 // Any thread. Replace the masks (initially from properties at load).
-void setTavrelTraceBits(uint64_t bits);
-void setAtraceEnabledTags(uint64_t tags);
+TAVREL_PLATFORM_API void setTavrelTraceBits(uint64_t bits);
+TAVREL_PLATFORM_API void setAtraceEnabledTags(uint64_t tags);
 
 // Receives each atrace marker ("B|pid|name", "E|pid", "C|pid|name|value",
 // "S|pid|name|cookie", "F|pid|name|cookie") in addition to the trace file while installed.
 using TraceSink = void (*)(void* cookie, const char* marker);
 
 // Any thread. A null sink removes it. The sink runs on the tracing thread.
-void setTraceSink(TraceSink sink, void* cookie);
+TAVREL_PLATFORM_API void setTraceSink(TraceSink sink, void* cookie);
 
 // The path of the trace file being written, or null when markers go to the kernel's
 // trace_marker or nowhere.
-const char* traceFilePath();
+TAVREL_PLATFORM_API const char* traceFilePath();
 
 // Any thread. Makes `path` the trace file (appended to; the ftrace header is written when
 // it is empty), or with null sends markers nowhere; the trace properties no longer apply
 // afterwards. Returns false, keeping the current output, when the file cannot be opened.
 // A path returned earlier by traceFilePath() is invalid afterwards.
-bool setTraceFile(const char* path);
+TAVREL_PLATFORM_API bool setTraceFile(const char* path);
 
 }  // namespace tavrel::host
 
@@ -48,8 +50,8 @@ inline uint64_t atrace_get_enabled_tags() {
     return tavrel::host::gAtraceEnabledTags.load(std::memory_order_relaxed);
 }
 
-void atrace_begin_body(const char* name);
-void atrace_end_body();
-void atrace_int_body(const char* name, int32_t value);
-void atrace_async_begin_body(const char* name, int32_t cookie);
-void atrace_async_end_body(const char* name, int32_t cookie);
+TAVREL_PLATFORM_API void atrace_begin_body(const char* name);
+TAVREL_PLATFORM_API void atrace_end_body();
+TAVREL_PLATFORM_API void atrace_int_body(const char* name, int32_t value);
+TAVREL_PLATFORM_API void atrace_async_begin_body(const char* name, int32_t cookie);
+TAVREL_PLATFORM_API void atrace_async_end_body(const char* name, int32_t cookie);

@@ -4,9 +4,11 @@
 #include <atomic>
 #include <cstdint>
 
+#include "tavrel/platform/Export.h"
+
 namespace NSCam::Utils::ULog {
 
-class ULogger {
+class TAVREL_PLATFORM_API ULogger {
 public:
     virtual ~ULogger();
 

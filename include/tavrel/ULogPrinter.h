@@ -9,11 +9,12 @@
 
 #include <cstdint>
 
+#include "tavrel/Export.h"
 #include "tavrel/IPrinter.h"
 
 namespace NSCam::Utils::ULog {
 
-class ULogPrinter : public NSCam::IPrinter, public android::Printer {
+class TAVREL_SYS_API ULogPrinter : public NSCam::IPrinter, public android::Printer {
 public:
     // The Android log gets `tag` whole and the unified logger a copy of at most 63
     // characters; `tag` and `prefix` (put before each Android-log line) must outlive the
@@ -29,11 +30,6 @@ public:
     void printFormatLine(const char* format, ...) override __attribute__((format(printf, 2, 3)));
 
 private:
-    // Whether the unified logger's switches want a line of this printer's level and module.
-    bool wanted() const;
-    // Sends `text` down both routes, Android log first; `length` goes to the unified logger.
-    void write(const char* text, int length);
-
     static constexpr int kTagSize = 64;
 
     uint32_t mLevel;                  // unified-log level of every line
