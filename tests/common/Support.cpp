@@ -18,8 +18,6 @@
 #include "tavrel/platform/Properties.h"
 #include "tavrel/platform/Trace.h"
 
-extern char** environ;
-
 namespace tavrel::test {
 
 using NSCam::Utils::ULog::ULogger;
@@ -114,20 +112,6 @@ Lines TraceCapture::markers() const {
     return mMarkers;
 }
 
-StderrCapture::StderrCapture()
-    : mSaved(::dup(STDERR_FILENO)), mFile(::open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600)) {
-    ::dup2(mFile.get(), STDERR_FILENO);
-}
-
-StderrCapture::~StderrCapture() {
-    ::dup2(mSaved.get(), STDERR_FILENO);
-}
-
-std::string StderrCapture::text() const {
-    std::string text(static_cast<size_t>(::lseek(mFile.get(), 0, SEEK_END)), '\0');
-    return ::pread(mFile.get(), text.data(), text.size(), 0) < 0 ? "" : text;
-}
-
 Lines logEntries(const std::string& text) {
     // "2024-01-02 03:04:05.123456 12 13 E tag: text" and "tag F 01-02 03:04:05  12  13 text"
     static const std::regex host(R"(^[\d-]{10} [\d:.]{15} \d+ \d+ ([A-Z]) ([^:]*): (.*)$)"),
@@ -173,56 +157,31 @@ std::string TempDir::write(const std::string& name, const std::string& content) 
     return mPath + "/" + name;
 }
 
-Lines commandFor(const std::string& program, const Lines& arguments) {
+std::string commandFor(const std::string& program) {
     const char* emulator = std::getenv("TAVREL_TEST_EMULATOR");
-    std::istringstream words(emulator != nullptr ? emulator : "");
-    Lines command{std::istream_iterator<std::string>(words), {}};
-    command.push_back(program);
-    return command + arguments;
+    return (emulator != nullptr ? std::string(emulator) + " " : "") + program;
 }
 
-std::string selfExecutable() {
-    char path[4096];
-    const ssize_t length = ::readlink("/proc/self/exe", path, sizeof(path));
-    return length > 0 ? std::string(path, size_t(length)) : "";
-}
-
-Outcome run(const Lines& command, const Lines& env) {
-    const Lines full = commandFor(command.front(), Lines(command.begin() + 1, command.end()));
-    std::vector<char*> argv, envp;
-    for (const std::string& word : full) argv.push_back(const_cast<char*>(word.c_str()));
-    for (const std::string& entry : env) envp.push_back(const_cast<char*>(entry.c_str()));
-    for (char** entry = environ; *entry != nullptr; ++entry) envp.push_back(*entry);
-    argv.push_back(nullptr);
-    envp.push_back(nullptr);
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) return {-1, "no pipe"};
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::dup2(ends[1], STDOUT_FILENO);
-        ::dup2(ends[1], STDERR_FILENO);
-        ::execve(argv[0], argv.data(), envp.data());
-        ::_exit(127);
-    }
-    ::close(ends[1]);
-    Outcome outcome{-1, {}};
-    char chunk[4096];
-    for (ssize_t got; (got = ::read(ends[0], chunk, sizeof(chunk))) != 0;) {
-        if (got > 0) outcome.out.append(chunk, static_cast<size_t>(got));
-        if (got < 0 && errno != EINTR) break;
-    }
-    ::close(ends[0]);
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+Outcome run(const std::string& command, const std::string& program) {
+    FILE* pipe = ::popen(
+        (std::regex_replace(command, std::regex("%T"), commandFor(program)) + " 2>&1").c_str(),
+        "r");
+    if (pipe == nullptr) return {-1, ""};
+    Outcome outcome{-1, ""};
+    for (int c; (c = std::fgetc(pipe)) != EOF;) outcome.out += static_cast<char>(c);
+    const int status = ::pclose(pipe);
+    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return outcome;
 }
 
 Outcome runWithProperties(const std::string& name, const std::string& properties) {
     const TempDir dir;
-    return run({selfExecutable(), "--gtest_also_run_disabled_tests", "--gtest_filter=" + name},
-               {std::string(host::kPropertiesFileEnv) + "=" + dir.write("props", properties)});
+    char self[4096] = {};
+    ::readlink("/proc/self/exe", self, sizeof(self) - 1);
+    return run(
+        format("%s=%s %%T --gtest_also_run_disabled_tests --gtest_filter=%s",
+               host::kPropertiesFileEnv, dir.write("props", properties).c_str(), name.c_str()),
+        self);
 }
 
 void limitDescriptors(int spare) {

@@ -86,15 +86,10 @@ private:
     Lines mMarkers;
 };
 
-// Sends stderr to a file while alive.
-class StderrCapture {
-public:
-    StderrCapture();
-    ~StderrCapture();
-    std::string text() const;
-
-private:
-    host::UniqueFd mSaved, mFile;  // the real stderr, and the file meanwhile
+// What this process writes to stderr meanwhile: gtest's own capture, started at once.
+struct StderrCapture {
+    StderrCapture() { testing::internal::CaptureStderr(); }
+    std::string text() const { return testing::internal::GetCapturedStderr(); }
 };
 
 // Log output read back: each Android-log or host-log line as "L tag: text" (L the level
@@ -117,25 +112,20 @@ private:
     std::string mPath;
 };
 
+// The shell words that run `program`: in a cross build the emulator's words first (CTest
+// passes them in TAVREL_TEST_EMULATOR), since the host runs an Arm program only through it.
+std::string commandFor(const std::string& program);
+
 struct Outcome {
-    int status;       // exit status, or 128 + the signal that ended it
+    int status;       // exit status, or -1 when the command could not run
     std::string out;  // stdout and stderr together
 };
 
-// The command line that runs `program` with `arguments`: in a cross build the emulator's
-// words come first (CTest passes them in TAVREL_TEST_EMULATOR, apart by spaces), since the
-// host runs an Arm program only through it.
-Lines commandFor(const std::string& program, const Lines& arguments = {});
+// Runs a shell command in which "%T" stands for `program` run as commandFor() says.
+Outcome run(const std::string& command, const std::string& program = "");
 
-// This program's path, read through readlink(): valgrind and qemu answer it with the
-// program they run, where executing /proc/self/exe would start them instead.
-std::string selfExecutable();
-
-// Runs `command` (through the emulator of a cross build) with `env` added to its
-// environment.
-Outcome run(const Lines& command, const Lines& env = {});
-
-// Runs the disabled test `name` of this program in a child whose property file holds
+// Runs the disabled test `name` of this program (found through readlink(): valgrind and
+// qemu answer it with the program they run) in a child whose property file holds
 // `properties`: for what the libraries fix when they load.
 Outcome runWithProperties(const std::string& name, const std::string& properties);
 

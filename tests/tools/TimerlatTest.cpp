@@ -93,17 +93,11 @@ TEST(TimerlatTest, Reports) {
     }
 }
 
-// Exit status and output (stdout, runs of blanks as one) of a shell command in which "%T"
-// runs the program (through the emulator in a cross build).
+// Exit status and output (runs of blanks as one) of a shell command in which "%T" runs
+// the program.
 std::pair<int, std::string> run(const std::string& command) {
-    std::string program;
-    for (const std::string& word : test::commandFor(TAVREL_TIMERLAT_PATH)) program += word + " ";
-    FILE* pipe = popen(std::regex_replace(command, std::regex("%T"), program).c_str(), "r");
-    std::string out;
-    for (int c; pipe != nullptr && (c = fgetc(pipe)) != EOF;) out += static_cast<char>(c);
-    const int status = pipe == nullptr ? -1 : pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1,
-            std::regex_replace(out, std::regex(" +"), " ")};
+    const test::Outcome outcome = test::run(command, TAVREL_TIMERLAT_PATH);
+    return {outcome.status, std::regex_replace(outcome.out, std::regex(" +"), " ")};
 }
 
 // Two runs into one trace file (the second replaces it: one header, a counter value per
