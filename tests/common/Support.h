@@ -149,11 +149,11 @@ Lines dumpOf(const IEpollMonitor& monitor);
 
 // Sets (or with null unsets) a property for the object's life.
 struct ScopedProperty {
-    ScopedProperty(const char* key, const char* value) : key(key) {
-        host::property_set(key, value);
+    ScopedProperty(std::string name, const char* value) : key(std::move(name)) {
+        host::property_set(key.c_str(), value);
     }
-    ~ScopedProperty() { host::property_set(key, nullptr); }
-    const char* key;
+    ~ScopedProperty() { host::property_set(key.c_str(), nullptr); }
+    std::string key;
 };
 
 // A monitor run by a thread of its own until the object goes.

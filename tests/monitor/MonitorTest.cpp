@@ -201,41 +201,41 @@ TEST(Registry, DescriptorsAreKnownByNumberAndStayListedOnceSeen) {
 }
 
 TEST(ReadyToRun, AppliesThePropertiesOnlyWhenTheDriverGivesNeitherValue) {
-    cpu_set_t all, only0, cpus;
+    const std::string key = "persist.vendor.camera.tavrel.EpollMonitor.thread";
+    cpu_set_t all;
     sched_getaffinity(0, sizeof(all), &all);
-    CPU_ZERO(&only0);
-    CPU_SET(0, &only0);
+    const int cpus = CPU_COUNT(&all);
+    // clang-format off
     const struct {
         int32_t policy, priority;
-        const char *threadName, *properties[3], *name;
-        int schedPolicy, nice;  // nice -1: left as it was
-    } rows[] = {
-        {kNotGiven, kNotGiven, "", {nullptr, nullptr, "0"}, "P2DrvEP-thread", SCHED_OTHER, 6},
-        {kNotGiven, kNotGiven, "worker", {"0", "3", nullptr}, "worker", SCHED_BATCH, 3},
-        {2, kNotGiven, "", {"0", "3", nullptr}, "P2DrvEP-thread", SCHED_OTHER, -1},
-        {kNotGiven, 5, "", {"0", "3", nullptr}, "P2DrvEP-thread", SCHED_OTHER, -1},
-    };
+        const char *threadName, *propertyPolicy, *propertyPriority, *affinity;
+        int schedPolicy, nice;  // -1: left as it was
+        const char* name;
+    } rows[] = {{kNotGiven, kNotGiven, "", nullptr, nullptr, "0", SCHED_OTHER, 6, "P2DrvEP-thread"},
+                {kNotGiven, kNotGiven, "worker", "0", "3", nullptr, SCHED_BATCH, 3, "worker"},
+                {2, kNotGiven, "", "0", "3", nullptr, SCHED_OTHER, -1, "P2DrvEP-thread"},
+                {kNotGiven, 5, "", "0", "3", nullptr, SCHED_OTHER, -1, "P2DrvEP-thread"}};
+    // clang-format on
     for (const auto& row : rows) {
-        const ScopedProperty policy("persist.vendor.camera.tavrel.EpollMonitor.threadpolicy",
-                                    row.properties[0]);
-        const ScopedProperty priority("persist.vendor.camera.tavrel.EpollMonitor.threadpriority",
-                                      row.properties[1]);
-        const ScopedProperty affinity("tavrel.host.perfctrl.affinity", row.properties[2]);
+        const ScopedProperty policy(key + "policy", row.propertyPolicy),
+            priority(key + "priority", row.propertyPriority),
+            affinity("tavrel.host.perfctrl.affinity", row.affinity);
         std::thread([&] {
-            const auto loop = std::dynamic_pointer_cast<IThreadLoop>(IEpollMonitor::make("thread"));
             const int inherited = getpriority(PRIO_PROCESS, 0);
             // Without the privilege, a nice value below the inherited one is refused whole.
             const bool set = row.nice >= 0 && (geteuid() == 0 || row.nice >= inherited);
-            EXPECT_EQ(
-                loop->readyToRun(IThreadLoop::ReadyToRun{row.threadName, row.policy, row.priority}),
-                0);
-            EXPECT_EQ(sched_getscheduler(0), set ? row.schedPolicy : SCHED_OTHER) << row.name;
-            EXPECT_EQ(getpriority(PRIO_PROCESS, 0), set ? row.nice : inherited);
+            const int result =
+                std::dynamic_pointer_cast<IThreadLoop>(IEpollMonitor::make("thread"))
+                    ->readyToRun(IThreadLoop::ReadyToRun{row.threadName, row.policy, row.priority});
             char name[16] = {};
             prctl(PR_GET_NAME, name);
-            EXPECT_STREQ(name, row.name);
-            sched_getaffinity(0, sizeof(cpus), &cpus);
-            EXPECT_TRUE(CPU_EQUAL(&cpus, row.properties[2] != nullptr ? &only0 : &all));
+            cpu_set_t now;
+            sched_getaffinity(0, sizeof(now), &now);
+            EXPECT_EQ(
+                format("%d %d %d %s %d", result, sched_getscheduler(0),
+                       getpriority(PRIO_PROCESS, 0), name, CPU_COUNT(&now)),
+                format("0 %d %d %s %d", set ? row.schedPolicy : SCHED_OTHER,
+                       set ? row.nice : inherited, row.name, row.affinity != nullptr ? 1 : cpus));
         }).join();
     }
 }

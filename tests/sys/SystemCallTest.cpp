@@ -1,12 +1,9 @@
 // The wrappers of files, directories and event primitives: result, error line on both
-// routes and trace section of each, the owner tags of what they create, the silent
-// interrupted wait, and nothing to list at the descriptor limit.
+// routes and trace section of each, the owner tags of what they create, and nothing to
+// list at the descriptor limit. (The stress test interrupts waits with signals.)
 #include <dirent.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/eventfd.h>
-#include <sys/resource.h>
-#include <sys/time.h>
 
 #include "common/Support.h"
 #include "tavrel/SystemCall.h"
@@ -133,22 +130,6 @@ TEST(SystemCall, CreatedDescriptorsCarryTheirOwnersTagUntilClosedByIt) {
         EXPECT_EQ(System::Close(fd, kOwner), 0);
         EXPECT_EQ(int64_t(host::fdsanGetTag(fd)) + ::fcntl(fd, F_GETFD), -1);
     }
-}
-
-TEST(SystemCall, AnInterruptedWaitReturnsSilently) {
-    struct sigaction action {
-    }, previous{};
-    action.sa_handler = [](int) {};
-    ::sigaction(SIGALRM, &action, &previous);  // without SA_RESTART
-    const itimerval every2ms{{0, 2000}, {0, 2000}}, off{};
-    ::setitimer(ITIMER_REAL, &every2ms, nullptr);
-    const UniqueFd ep(::epoll_create1(EPOLL_CLOEXEC));
-    const LogCapture capture;
-    epoll_event event{};
-    EXPECT_EQ(System::EPollWait(ep.get(), &event, 1, 30000), -EINTR);
-    ::setitimer(ITIMER_REAL, &off, nullptr);
-    ::sigaction(SIGALRM, &previous, nullptr);
-    EXPECT_EQ(capture.debug() + capture.texts(), Lines{});
 }
 
 // Exits with what EventFD returned, negated, with every descriptor number in use.
