@@ -19,7 +19,6 @@ namespace tavrel::test {
 namespace {
 
 using NSCam::NSTavrel::Timer;
-using testing::Matcher;
 constexpr int kNotGiven = IThreadLoop::ReadyToRun::kNotGiven;
 constexpr const char* kBadFd = "err=-9(Bad file descriptor)";
 
@@ -46,11 +45,11 @@ std::string entry(const IEventObserver& o) {
     return format("(%d, %p)", o.getEventFD(), static_cast<const void*>(&o));
 }
 
-// Matches `text`, where "%p" stands for any pointer.
-Matcher<std::string> like(const std::string& text) {
-    const std::string pattern =
-        std::regex_replace(text, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)");
-    return testing::MatchesRegex(std::regex_replace(pattern, std::regex("%p"), "0x[0-9a-f]+"));
+// `text` with each placeholder replaced by its value, in order.
+std::string fill(std::string text, const std::vector<std::pair<const char*, std::string>>& values) {
+    for (const auto& [placeholder, value] : values)
+        text = std::regex_replace(text, std::regex(placeholder), value);
+    return text;
 }
 
 struct Seen {
@@ -88,38 +87,31 @@ TEST(MonitorLife, EachStepLogsItsLineWithTheDumps) {
     const ScopedProperty logv("persist.vendor.camera.tavrel.EpollMonitor.logv", "1");
     const LogCapture capture;
     const Seen s = runScenario();
-    const std::string running = s.config + " " + runtime(1, 0, 1, " attach=[ " + s.entry + " ]");
-    const std::string ending = s.config + " " + runtime(1, 0, 0, " attach=[ " + s.entry + " ]");
-    const std::string fd = std::to_string(s.fd),
-                      info = "3 tavrel-EpollMonitor [tavrel-EpollMonitor] EpollMonitor:N ";
-    const Lines lines = {
-        info + "EpollMonitor() [EpollMonitor] this(" + s.monitor + " " + s.self + ") " + s.config +
-            " " + runtime(0, 0, 1, ""),
-        info + "attach() [attach] " + s.entry,
-        info + "modify() [modify] " + s.entry,
-        info + "threadLoop() [threadLoop] + " + running,
-        info + "handleEvents() [handleEvents] + fd=" + fd + " events=0x1 observer=" + s.observer +
-            " " + running,
-        info + "requestExit() [requestExit] + " + running,
-        info + "requestExit() [requestExit] - " + ending,
-        info + "handleEvents() [handleEvents] - fd=" + fd + " events=0x1",
-        info + "threadLoop() [threadLoop] - " + ending,
-        info + "isInterruptEvent() [P2DrvEP-s] isInterruptEvent: 0x40",
-        format("1 tavrel-syscall [tavrel-syscall] SystemCall:N Read() [Read] read(%d, %%p, 8) "
-               "return -1: "
-               "err=-11(Resource temporarily unavailable) (Read){#N:src/utils/sys/SystemCall}",
-               s.eventFd),
-        format("2 tavrel-EpollMonitor [tavrel-EpollMonitor] EpollMonitor:N isInterruptEvent() "
-               "[P2DrvEP-s] isInterruptEvent: read(%d) returns -11 != 8",
-               s.eventFd),
-        info + "detach() [detach] " + s.entry,
-        info + "~EpollMonitor() [~EpollMonitor] " + s.config + " " +
-            runtime(1, 1, 0, " detach=[ " + fd + " ]"),
-    };
-    std::vector<Matcher<std::string>> expected;
-    for (const std::string& line : lines) expected.push_back(like(line));
-    EXPECT_THAT(capture.debug(), testing::ElementsAreArray(expected));
-    EXPECT_EQ(capture.texts().size(), lines.size());
+    // clang-format off
+    const std::string expected = fill(R"(3 @M EpollMonitor() [EpollMonitor] this(@P @S) @C @0
+3 @M attach() [attach] @E
+3 @M modify() [modify] @E
+3 @M threadLoop() [threadLoop] + @C @1
+3 @M handleEvents() [handleEvents] + fd=@F events=0x1 observer=@O @C @1
+3 @M requestExit() [requestExit] + @C @1
+3 @M requestExit() [requestExit] - @C @2
+3 @M handleEvents() [handleEvents] - fd=@F events=0x1
+3 @M threadLoop() [threadLoop] - @C @2
+3 @M isInterruptEvent() [P2DrvEP-s] isInterruptEvent: 0x40
+1 tavrel-syscall [tavrel-syscall] SystemCall:N Read() [Read] read(@V, buffer, 8) return -1: err=-11(Resource temporarily unavailable) (Read){#N:src/utils/sys/SystemCall}
+2 @M isInterruptEvent() [P2DrvEP-s] isInterruptEvent: read(@V) returns -11 != 8
+3 @M detach() [detach] @E
+3 @M ~EpollMonitor() [~EpollMonitor] @C @3)",
+        {{"@M", "tavrel-EpollMonitor [tavrel-EpollMonitor] EpollMonitor:N"}, {"@0", runtime(0, 0, 1, "")},
+         {"@1", runtime(1, 0, 1, " attach=[ @E ]")}, {"@2", runtime(1, 0, 0, " attach=[ @E ]")},
+         {"@3", runtime(1, 1, 0, " detach=[ @F ]")}, {"@P", s.monitor}, {"@S", s.self}, {"@C", s.config},
+         {"@E", s.entry}, {"@F", std::to_string(s.fd)}, {"@O", s.observer}, {"@V", std::to_string(s.eventFd)}});
+    // clang-format on
+    std::string got;
+    for (const std::string& line : capture.debug()) got += (got.empty() ? "" : "\n") + line;
+    EXPECT_EQ(std::regex_replace(got, std::regex(R"(read\((\d+), 0x[0-9a-f]+)"), "read($1, buffer"),
+              expected);
+    EXPECT_EQ(capture.texts().size(), 14u);
 }
 
 TEST(MonitorLife, EachStepIsTracedUnderItsOwnCategoryBit) {
