@@ -93,8 +93,8 @@ TraceCapture::TraceCapture(uint64_t bits, uint64_t tags) {
     host::setTraceSink(
         [](void* self, const char* marker) {
             auto* capture = static_cast<TraceCapture*>(self);
-            std::lock_guard<std::mutex> lock(capture->mMutex);
-            capture->mMarkers.push_back(withoutPid(marker));
+            std::lock_guard<std::mutex> lock(capture->mutex);
+            capture->recorded.push_back(withoutPid(marker));
         },
         this);
     host::setTavrelTraceBits(bits);
@@ -108,8 +108,8 @@ TraceCapture::~TraceCapture() {
 }
 
 Lines TraceCapture::markers() const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mMarkers;
+    std::lock_guard<std::mutex> lock(mutex);
+    return recorded;
 }
 
 Lines logEntries(const std::string& text) {
@@ -144,17 +144,17 @@ testing::Matcher<const std::string&> entriesAre(const Lines& entries) {
 
 TempDir::TempDir() {
     std::string pattern = std::filesystem::temp_directory_path() / "tavrel-test-XXXXXX";
-    mPath = ::mkdtemp(pattern.data()) != nullptr ? pattern : "";
+    path = ::mkdtemp(pattern.data()) != nullptr ? pattern : "";
 }
 
 TempDir::~TempDir() {
     std::error_code ignored;
-    std::filesystem::remove_all(mPath, ignored);
+    std::filesystem::remove_all(path, ignored);
 }
 
 std::string TempDir::write(const std::string& name, const std::string& content) const {
-    std::ofstream(mPath + "/" + name) << content;
-    return mPath + "/" + name;
+    std::ofstream(path + "/" + name) << content;
+    return path + "/" + name;
 }
 
 std::string commandFor(const std::string& program) {

@@ -75,15 +75,12 @@ std::string withoutPid(const std::string& marker);
 
 // Records trace markers without their process id while alive, with the library's category
 // bits and the atrace tags set as asked.
-class TraceCapture {
-public:
+struct TraceCapture {
     explicit TraceCapture(uint64_t bits, uint64_t tags = 0x400);
     ~TraceCapture();
     Lines markers() const;
-
-private:
-    mutable std::mutex mMutex;  // guards mMarkers
-    Lines mMarkers;
+    mutable std::mutex mutex;  // guards `recorded`
+    Lines recorded;
 };
 
 // What this process writes to stderr meanwhile: gtest's own capture, started at once.
@@ -100,16 +97,12 @@ Lines logEntries(const std::string& text);
 testing::Matcher<const std::string&> entriesAre(const Lines& entries);
 
 // A folder removed with its content when the object goes.
-class TempDir {
-public:
+struct TempDir {
     TempDir();
     ~TempDir();
-    const std::string& path() const { return mPath; }
     // Writes a file into the folder; returns its path.
     std::string write(const std::string& name, const std::string& content) const;
-
-private:
-    std::string mPath;
+    std::string path;
 };
 
 // The shell words that run `program`: in a cross build the emulator's words first (CTest

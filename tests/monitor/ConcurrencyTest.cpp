@@ -141,10 +141,6 @@ TEST(Registry, ASeededWalkKeepsCountsDumpAndKernelSetInStepWithAModel) {
                   4u);
         ASSERT_EQ(kernelSet(epollFd), kernel) << "step " << step;
     }
-    for (const auto& [number, registration] : model) {
-        FdObserver other(number);
-        if (registration.first != nullptr) monitor->detach(&other);
-    }
 }
 
 size_t openDescriptors() {

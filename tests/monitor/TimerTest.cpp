@@ -44,10 +44,15 @@ std::shared_ptr<Timer> makeTimer(
     return std::make_shared<Timer>(name, CLOCK_MONOTONIC, std::move(notify));
 }
 
-TEST(Timer, NameDumpAndEventMask) {
-    for (const auto& [given, name] : {std::make_pair<const char*, std::string>(nullptr, "Timer-?"),
-                                      std::make_pair<const char*, std::string>("p2", "Timer-p2")}) {
-        const auto timer = makeTimer(given);
+TEST(Timer, NameDumpMaskAndVerboseLinesAsTheLogvPropertyOfItsConstructionSays) {
+    const struct {
+        const char *logv, *name;
+        bool on;
+    } rows[] = {{nullptr, nullptr, false}, {"0", "p2", false}, {"1", "p2", true}, {"7", "", true}};
+    for (const auto& row : rows) {
+        const ScopedProperty logv("persist.vendor.camera.tavrel.timer.logv", row.logv);
+        const auto timer = makeTimer(row.name);
+        const std::string name = row.name != nullptr ? std::string("Timer-") + row.name : "Timer-?";
         const std::string text =
             format("{ %s .fd=%d .event=80000001 }", name.c_str(), timer->getEventFD());
         RecordingPrinter printer;
@@ -55,17 +60,6 @@ TEST(Timer, NameDumpAndEventMask) {
         EXPECT_EQ(Lines({timer->getEventName(), timer->toString()}) + printer.lines,
                   Lines({name, text, text}));
         EXPECT_EQ(timer->getEventType(), uint32_t(EPOLLIN | EPOLLET));
-    }
-}
-
-TEST(Timer, VerboseLinesFollowTheLogvPropertyOfItsConstruction) {
-    const struct {
-        const char *logv, *name;
-        bool on;
-    } rows[] = {{nullptr, "p2", false}, {"0", "p2", false}, {"1", "p2", true}, {"7", "", true}};
-    for (const auto& row : rows) {
-        const ScopedProperty logv("persist.vendor.camera.tavrel.timer.logv", row.logv);
-        const auto timer = makeTimer(row.name);
         const LogCapture capture;
         // A zero value disarms though the kernel keeps the period: the re-arm must not revive it.
         timer->startTimerAbsoluteTime(&kNone, &kTenthSecond);

@@ -46,18 +46,15 @@ TEST(LogStatement, EachRouteHasItsSwitchAndEachLevelItsDetailsGate) {
     }
 }
 
-TEST(LogStatement, LongEmptyAndUnformattableMessages) {
+TEST(LogStatement, LongAndEmptyMessages) {
     const LogCapture capture;
     const std::string text(2000, 'x');
     TAVREL_LOGE("[%s] %s", "f", text.c_str());
     TAVREL_LOGE("%s", "");
-    TAVREL_LOGE("[%s] %lc", "f", static_cast<wint_t>(0x100));  // no encoding in the C locale
     // The unified text is cut to its buffer; the length reported stays whole.
     EXPECT_EQ(capture.unified(),
               (Lines{"1 tavrel-test 0x8002001 2004 " + ("[f] " + text).substr(0, 1023),
                      "1 tavrel-test 0x8002001 0 "}));
-    ASSERT_EQ(capture.debug().size(), 3u);
-    EXPECT_EQ(capture.debug()[0].back(), 'x');
 }
 
 std::string sRawDebugLine;  // the latest debug-print line, line numbers and all

@@ -42,14 +42,14 @@ void expectCall(const char* section, int bit, const std::function<int64_t()>& ca
 
 TEST(SystemCall, EachWrapperHasItsResultErrorLineAndTraceSection) {
     const TempDir temp;
-    const std::string missing = temp.path() + "/missing", file = temp.write("plain", "x");
+    const std::string missing = temp.path + "/missing", file = temp.write("plain", "x");
     const char *m = missing.c_str(), *f = file.c_str();
     const UniqueFd ep(::epoll_create1(EPOLL_CLOEXEC)), efd(::eventfd(0, EFD_CLOEXEC)),
         other(::eventfd(0, 0));
     const int e = ep.get(), a = efd.get(), o = other.get();
     epoll_event event{EPOLLIN, {}}, ready[4];
     ::epoll_ctl(e, EPOLL_CTL_ADD, a, &event);
-    DIR *atEnd = ::opendir(temp.path().c_str()), *broken = ::opendir(temp.path().c_str());
+    DIR *atEnd = ::opendir(temp.path.c_str()), *broken = ::opendir(temp.path.c_str());
     while (::readdir(atEnd) != nullptr) {
     }
     ::close(::dirfd(broken));
