@@ -165,6 +165,18 @@ TEST(MonitorLife, ATraceNameMadeAtRunTimeIsWholeOrEmpty) {
     }
 }
 
+TEST(MonitorLife, AnInterruptThatCannotBeWrittenIsLogged) {
+    const auto monitor = IEpollMonitor::make("full");
+    const int eventFd = descriptorsOf(*monitor).second;
+    const uint64_t most = 0xfffffffffffffffe;  // the most an eventfd counts
+    ASSERT_EQ(::write(eventFd, &most, sizeof(most)), 8);
+    const LogCapture capture({3, 2});
+    std::dynamic_pointer_cast<IThreadLoop>(monitor)->requestExit();
+    ASSERT_EQ(capture.texts().size(), 2u);  // Write's own line, then the monitor's
+    EXPECT_EQ(capture.texts()[1],
+              format("[sendInterruptEvent] write(%d) returns -11 != 8", eventFd));
+}
+
 TEST(Registry, DescriptorsAreKnownByNumberAndStayListedOnceSeen) {
     const auto monitor = IEpollMonitor::make("r");
     EventObserver a, c;

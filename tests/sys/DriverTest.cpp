@@ -156,13 +156,22 @@ TEST(DurationCheck, DISABLED_SlowRequests) {
 }
 
 TEST(DurationCheck, MeasuredOnlyWithVerboseDetailsAtLoadAndNoCameraLogLevelBelowThree) {
-    const std::string w = "W tavrel-syscall: [Queue", details = "tavrel.host.ulog.details_level=",
+    // Each line on both routes: the debug-print one first, with its header.
+    const auto both = [](const char* level, const char* fn, const std::string& text,
+                         const char* end) {
+        const std::string tag = std::string(level) + " tavrel-syscall: ";
+        return Lines{tag + "[tavrel-syscall] SystemCall:N " + fn + "() [" + fn + "] " + text + end,
+                     tag + "[" + fn + "] " + text};
+    };
+    const Lines slow = both("W", "QueueMediaRequest",
+                            "ioctl(100, MEDIA_REQUEST_IOC_QUEUE) takes T ns", "") +
+                       both("W", "QueueVideoNodeBuf", "ioctl(100, VIDIOC_QBUF) takes T ns", ""),
+                failed = both("E", "QueueVideoNodeBuf",
+                              "ioctl(100, VIDIOC_QBUF): -5(" + std::string(strerror(EIO)) + ")",
+                              " (QueueVideoNodeBuf){#N:src/utils/sys/SystemCall}") +
+                         Lines{report("VIDIOC_QBUF", EIO)};
+    const std::string details = "tavrel.host.ulog.mode=3\ntavrel.host.ulog.details_level=",
                       level = "\npersist.vendor.zel.camera.log_level=";
-    const Lines slow = {w + "MediaRequest] ioctl(100, MEDIA_REQUEST_IOC_QUEUE) takes T ns",
-                        w + "VideoNodeBuf] ioctl(100, VIDIOC_QBUF) takes T ns"},
-                failed = {"E tavrel-syscall: [QueueVideoNodeBuf] ioctl(100, VIDIOC_QBUF): -5(" +
-                              std::string(strerror(EIO)) + ")",
-                          report("VIDIOC_QBUF", EIO)};
     for (const auto& [properties, measured] :
          {std::make_pair(details + "4", true), std::make_pair(details + "3", false),
           std::make_pair(details + "4" + level + "3", true),
