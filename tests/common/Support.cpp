@@ -1,26 +1,12 @@
 #include "common/Support.h"
 
-#include <fcntl.h>
-#include <sys/eventfd.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdarg>
-#include <filesystem>
-#include <fstream>
 #include <iterator>
-#include <regex>
-#include <sstream>
-#include <thread>
-
-#include "tavrel/platform/Properties.h"
-#include "tavrel/platform/Trace.h"
 
 namespace tavrel::test {
-
-using NSCam::Utils::ULog::ULogger;
 
 namespace {
 constexpr uint64_t kModuleBit = uint64_t{1} << 55;

@@ -1,31 +1,53 @@
-// What every test program shares: capture of both log routes, of trace markers and of
-// stderr; log text read back as entries; temporary folders; programs run in a child;
-// running monitors and an eventfd observer.
+// What every test program shares: the headers and names the tests use throughout; capture
+// of both log routes, of trace markers and of stderr; log text read back as entries;
+// temporary folders; programs run in a child; running monitors and observers.
 #pragma once
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sched.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <regex>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tavrel/IEpollMonitor.h"
 #include "tavrel/IThreadLoop.h"
+#include "tavrel/SystemCall.h"
 #include "tavrel/ThreadDriver.h"
+#include "tavrel/Timer.h"
 #include "tavrel/platform/DebugPrint.h"
+#include "tavrel/platform/Fdsan.h"
 #include "tavrel/platform/Properties.h"
+#include "tavrel/platform/ThreadControl.h"
+#include "tavrel/platform/Trace.h"
 #include "tavrel/platform/ULogger.h"
 #include "tavrel/platform/UniqueFd.h"
 
 namespace tavrel::test {
 
+namespace System = NSCam::NSTavrel::System;
 using Lines = std::vector<std::string>;
+using host::UniqueFd;
 using NSCam::NSTavrel::IEpollMonitor;
 using NSCam::NSTavrel::IEventObserver;
 using NSCam::NSTavrel::IThreadLoop;
+using NSCam::NSTavrel::Timer;
+using NSCam::Utils::ULog::ULogger;
 using OnEvent = IEventObserver::OnEvent;
 
 std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));

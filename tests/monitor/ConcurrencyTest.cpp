@@ -3,18 +3,12 @@
 // racing each other and the monitor thread.
 #include <pthread.h>
 #include <signal.h>
-#include <sys/epoll.h>
 
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <random>
-#include <regex>
 #include <set>
-#include <thread>
 
 #include "common/Support.h"
-#include "tavrel/Timer.h"
 
 namespace tavrel::test {
 namespace {

@@ -1,24 +1,11 @@
 // The monitor's life on one thread (its log lines, trace points and dumps), its registry,
 // readyToRun, and every way misuse or a broken descriptor ends the process.
-#include <fcntl.h>
-#include <sched.h>
-#include <sys/epoll.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
-
-#include <cstring>
-#include <regex>
-#include <sstream>
-#include <thread>
 
 #include "common/Support.h"
-#include "tavrel/Timer.h"
-#include "tavrel/platform/Fdsan.h"
 
 namespace tavrel::test {
 namespace {
 
-using NSCam::NSTavrel::Timer;
 constexpr int kNotGiven = IThreadLoop::ReadyToRun::kNotGiven;
 constexpr const char* kBadFd = "err=-9(Bad file descriptor)";
 

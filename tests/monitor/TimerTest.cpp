@@ -1,21 +1,16 @@
 // The Timer: its names and dump, its verbose lines, re-arming with what remains, firing on
 // a running monitor, callbacks that restart, stop or drop their own timer, and many timers
 // firing at once.
-#include <sys/epoll.h>
 #include <sys/timerfd.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <thread>
 
 #include "common/Support.h"
-#include "tavrel/Timer.h"
 #include "utils/sys/TimerRearm.h"
 
 namespace tavrel::test {
 namespace {
 
-using NSCam::NSTavrel::Timer;
 using namespace std::chrono_literals;
 
 constexpr timespec kNone{}, kLongPast{0, 1};  // absolute times on the monotonic clock

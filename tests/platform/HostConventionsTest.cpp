@@ -1,16 +1,8 @@
 // The host's conventions: fdsan at every close, ANDROID_LOG_TAGS, property mistakes.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <tuple>
 
+#include "common/Support.h"
 #include "tavrel/platform/AndroidLogTags.h"
-#include "tavrel/platform/DebugPrint.h"
-#include "tavrel/platform/Fdsan.h"
-#include "tavrel/platform/Properties.h"
-#include "tavrel/platform/ThreadControl.h"
 
 namespace {
 

@@ -1,28 +1,12 @@
 // The host platform layer: properties and what they set at load, the unified logger's
 // lines, debug print, the trace file, descriptor ownership, crash reports and thread control.
-#include <fcntl.h>
-#include <sched.h>
-#include <sys/eventfd.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
-#include <unistd.h>
-
-#include <fstream>
-#include <regex>
-#include <sstream>
-#include <thread>
 
 #include "common/Support.h"
 #include "tavrel/platform/CrashReporter.h"
-#include "tavrel/platform/Fdsan.h"
-#include "tavrel/platform/Properties.h"
-#include "tavrel/platform/ThreadControl.h"
-#include "tavrel/platform/Trace.h"
 
 namespace tavrel::test {
 namespace {
 
-using NSCam::Utils::ULog::ULogger;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 namespace Properties = NSCam::Utils::Properties;

@@ -1,26 +1,15 @@
 // The driver requests: which failures end the service and with what report, the routine
 // answers that pass silently, the owner tag of an allocated request, the duration check
 // fixed at load, and the listing of descriptors when they have run out.
-#include <fcntl.h>
 #include <linux/videodev2.h>
-#include <sys/eventfd.h>
 #include <sys/syscall.h>
 
 #include <cstdarg>
-#include <cstring>
-#include <filesystem>
-#include <regex>
 
 #include "common/Support.h"
-#include "tavrel/SystemCall.h"
-#include "tavrel/platform/Fdsan.h"
-#include "tavrel/platform/Trace.h"
 
 namespace tavrel::test {
 namespace {
-
-namespace System = NSCam::NSTavrel::System;
-using host::UniqueFd;
 
 constexpr unsigned long kOwner = 0xd1;
 constexpr int kIova = int(0xC0104D01u);  // made up: any request passes through

@@ -10,7 +10,6 @@
 namespace tavrel::test {
 namespace {
 
-using NSCam::Utils::ULog::ULogger;
 using NSCam::Utils::ULog::ULogPrinter;
 using testing::HasSubstr;
 

@@ -2,18 +2,11 @@
 // routes and trace section of each, the owner tags of what they create, and nothing to
 // list at the descriptor limit. (The stress test interrupts waits with signals.)
 #include <dirent.h>
-#include <fcntl.h>
-#include <sys/eventfd.h>
 
 #include "common/Support.h"
-#include "tavrel/SystemCall.h"
-#include "tavrel/platform/Fdsan.h"
 
 namespace tavrel::test {
 namespace {
-
-namespace System = NSCam::NSTavrel::System;
-using host::UniqueFd;
 
 constexpr unsigned long kOwner = 0x5ca1ab1e;
 

@@ -1,17 +1,8 @@
 // tavrel-timerlat: its command lines, its reports, and the program run as a user runs it.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
 #include <iterator>
-#include <regex>
-#include <sstream>
-#include <thread>
 
 #include "Report.h"
 #include "common/Support.h"
-#include "tavrel/platform/ThreadControl.h"
 
 namespace tavrel::timerlat {
 namespace {

@@ -2,24 +2,15 @@
 // virtual video driver, inside a virtual machine (scripts/vm/run.sh). Setup uses plain
 // ioctls; every request under test goes through the wrappers, driven by a running monitor
 // where the stream stack would use one.
-#include <fcntl.h>
 #include <linux/media.h>
 #include <linux/videodev2.h>
 #include <poll.h>
-#include <sys/epoll.h>
 #include <sys/ioctl.h>
 
-#include <cstring>
-
 #include "common/Support.h"
-#include "tavrel/SystemCall.h"
-#include "tavrel/platform/Fdsan.h"
 
 namespace tavrel::test {
 namespace {
-
-namespace System = NSCam::NSTavrel::System;
-using host::UniqueFd;
 
 constexpr unsigned long kOwner = 0x76766964;
 constexpr unsigned kWidth = 320, kHeight = 180, kFrameBytes = kWidth * kHeight * 2;
