@@ -44,41 +44,37 @@ TEST(DriverDeathTest, EveryFailedRequestIsLoggedReportedAndEndsTheService) {
     v4l2_buffer buffer{};
     v4l2_event event{};
     int arg = 0;
-    const auto expectFatal = [&](int bit, const char* section, const char* request, int err,
-                                 const char* line, const std::function<void()>& call) {
-        const Lines trace = section != nullptr ? Lines{std::string("trace B|") + section} : Lines{};
-        EXPECT_EXIT(traced(bit, call), testing::ExitedWithCode(70),
-                    entriesAre(trace + Lines{"E tavrel-syscall: " + format(line, n, strerror(err)),
-                                             report(request, err)}));
-    };
-    const char* alloc = "MEDIA_IOC_REQUEST_ALLOC";
-    expectFatal(5, alloc, alloc, ENOTTY,
-                "[AllocMediaRequest] ioctl(%d, MEDIA_IOC_REQUEST_ALLOC) return -1: err=-25(%s)",
-                [&] { System::AllocMediaRequest(n, kOwner); });
-    expectFatal(-1, nullptr, "MEDIA_REQUEST_IOC_REINIT", ENOTTY,
-                "[ReinitMediaRequest] ioctl(%d, MEDIA_REQUEST_IOC_REINIT): err=-25(%s)",
-                [&] { System::ReinitMediaRequest(n); });
-    const char* queue = "MEDIA_REQUEST_IOC_QUEUE";
-    expectFatal(8, queue, queue, ENOTTY,
-                "[QueueMediaRequest] ioctl(%d, MEDIA_REQUEST_IOC_QUEUE): err=-25(%s)",
-                [&] { System::QueueMediaRequest(n); });
-    const char *qbuf = "VIDIOC_QBUF", *dqbuf = "VIDIOC_DQBUF", *dqevent = "VIDIOC_DQEVENT";
-    expectFatal(9, qbuf, qbuf, ENOTTY, "[QueueVideoNodeBuf] ioctl(%d, VIDIOC_QBUF): -25(%s)",
-                [&] { System::QueueVideoNodeBuf(n, &buffer); });
-    sAnswer = {n, 1, EIO};  // a positive result fails it too
-    expectFatal(9, qbuf, qbuf, EIO, "[QueueVideoNodeBuf] ioctl(%d, VIDIOC_QBUF): -5(%s)",
-                [&] { System::QueueVideoNodeBuf(n, &buffer); });
-    sAnswer = {};
-    expectFatal(13, dqbuf, dqbuf, ENOTTY, "[DQueueVideoNodeBuf] ioctl(%d, VIDIOC_DQBUF): -25(%s)",
-                [&] { System::DQueueVideoNodeBuf(n, &buffer); });
-    expectFatal(32, dqevent, dqevent, ENOTTY, "[DQueueEvent] ioctl(%d, VIDIOC_DQEVENT): -25(%s)",
-                [&] { System::DQueueEvent(n, &event); });
-    expectFatal(2, "AddIova", "ZELDIP_IOC_ADD_IOVA", ENOTTY,
-                "[AddIova] ioctl(%d, 0xc0104d01): -25(%s)",
-                [&] { System::AddIova(n, kIova, &arg); });
-    expectFatal(2, "DelIova", "ZELDIP_IOC_DEL_IOVA", ENOTTY,
-                "[DelIova] ioctl(%d, 0xc0104d01): -25(%s)",
-                [&] { System::DelIova(n, kIova, &arg); });
+    // Trace bit and section (-1: all bits, no section), reported request, error line, errno.
+    // clang-format off
+    const struct { int bit; const char *section, *request, *line; int err; std::function<void()> call; } rows[] = {
+        {5, "MEDIA_IOC_REQUEST_ALLOC", "MEDIA_IOC_REQUEST_ALLOC", "[AllocMediaRequest] ioctl(%d, "
+            "MEDIA_IOC_REQUEST_ALLOC) return -1: err=-25(%s)", ENOTTY, [&] { System::AllocMediaRequest(n, kOwner); }},
+        {-1, nullptr, "MEDIA_REQUEST_IOC_REINIT", "[ReinitMediaRequest] ioctl(%d, MEDIA_REQUEST_IOC_REINIT): "
+            "err=-25(%s)", ENOTTY, [&] { System::ReinitMediaRequest(n); }},
+        {8, "MEDIA_REQUEST_IOC_QUEUE", "MEDIA_REQUEST_IOC_QUEUE", "[QueueMediaRequest] ioctl(%d, "
+            "MEDIA_REQUEST_IOC_QUEUE): err=-25(%s)", ENOTTY, [&] { System::QueueMediaRequest(n); }},
+        {9, "VIDIOC_QBUF", "VIDIOC_QBUF", "[QueueVideoNodeBuf] ioctl(%d, VIDIOC_QBUF): -25(%s)", ENOTTY,
+            [&] { System::QueueVideoNodeBuf(n, &buffer); }},
+        {9, "VIDIOC_QBUF", "VIDIOC_QBUF", "[QueueVideoNodeBuf] ioctl(%d, VIDIOC_QBUF): -5(%s)", EIO, [&] {
+            sAnswer = {n, 1, EIO};  // a positive result fails it too
+            System::QueueVideoNodeBuf(n, &buffer); }},
+        {13, "VIDIOC_DQBUF", "VIDIOC_DQBUF", "[DQueueVideoNodeBuf] ioctl(%d, VIDIOC_DQBUF): -25(%s)", ENOTTY,
+            [&] { System::DQueueVideoNodeBuf(n, &buffer); }},
+        {32, "VIDIOC_DQEVENT", "VIDIOC_DQEVENT", "[DQueueEvent] ioctl(%d, VIDIOC_DQEVENT): -25(%s)", ENOTTY,
+            [&] { System::DQueueEvent(n, &event); }},
+        {2, "AddIova", "ZELDIP_IOC_ADD_IOVA", "[AddIova] ioctl(%d, 0xc0104d01): -25(%s)", ENOTTY,
+            [&] { System::AddIova(n, kIova, &arg); }},
+        {2, "DelIova", "ZELDIP_IOC_DEL_IOVA", "[DelIova] ioctl(%d, 0xc0104d01): -25(%s)", ENOTTY,
+            [&] { System::DelIova(n, kIova, &arg); }}};
+    // clang-format on
+    for (const auto& row : rows) {
+        const Lines trace =
+            row.section != nullptr ? Lines{std::string("trace B|") + row.section} : Lines{};
+        EXPECT_EXIT(
+            traced(row.bit, row.call), testing::ExitedWithCode(70),
+            entriesAre(trace + Lines{"E tavrel-syscall: " + format(row.line, n, strerror(row.err)),
+                                     report(row.request, row.err)}));
+    }
 }
 
 TEST(DriverCall, RoutineAnswersPassSilentlyAndAnAllocatedRequestIsTagged) {
