@@ -6,7 +6,6 @@
 #include <chrono>
 
 #include "common/Support.h"
-#include "utils/sys/TimerRearm.h"
 
 namespace tavrel::test {
 namespace {
@@ -85,28 +84,6 @@ TEST(Timer, ReArmingKeepsWhatRemainsAndClearsTheExpirations) {
     due->enableEdgeTrigger();
     uint64_t expirations = 0;
     EXPECT_EQ(::read(due->getEventFD(), &expirations, sizeof(expirations)), -1);
-}
-
-TEST(TimerRearm, OnlyAnArmedPeriodicTimerThatReadsZeroIsFiredAtOnce) {
-    // clang-format off
-    const itimerspec due{{0, 100}, {}}, dueSeconds{{1, 0}, {}}, running{{0, 100}, {2, 0}}, soon{{1, 0}, {0, 5}},
-        expired{}, atOnce{{0, 100}, {0, 1}}, atOnceSeconds{{1, 0}, {0, 1}};
-    const struct {
-        itimerspec read;
-        bool readOk, armed;
-        itimerspec set;
-    } rows[] = {{due, true, true, atOnce}, {dueSeconds, true, true, atOnceSeconds}, {due, true, false, due},
-        {running, true, true, running}, {soon, true, true, soon}, {expired, true, true, expired},
-        {running, false, true, expired}};
-    // clang-format on
-    const auto text = [](const itimerspec& t) {
-        return format("%ld.%ld %ld.%ld", t.it_interval.tv_sec, t.it_interval.tv_nsec,
-                      t.it_value.tv_sec, t.it_value.tv_nsec);
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ(text(NSCam::NSTavrel::rearmSetting(row.read, row.readOk, row.armed)),
-                  text(row.set));
-    }
 }
 
 TEST(Timer, ACallbackMayRestartStopOrDropItsOwnTimer) {
