@@ -143,6 +143,11 @@ std::string TempDir::write(const std::string& name, const std::string& content) 
     return path + "/" + name;
 }
 
+std::string readFile(const std::string& path) {
+    std::ifstream file(path);
+    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
 std::string commandFor(const std::string& program) {
     const char* emulator = std::getenv("TAVREL_TEST_EMULATOR");
     return (emulator != nullptr ? std::string(emulator) + " " : "") + program;

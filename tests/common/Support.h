@@ -127,6 +127,9 @@ struct TempDir {
     std::string path;
 };
 
+// The whole content of a file; empty when it cannot be read.
+std::string readFile(const std::string& path);
+
 // The shell words that run `program`: in a cross build the emulator's words first (CTest
 // passes them in TAVREL_TEST_EMULATOR), since the host runs an Arm program only through it.
 std::string commandFor(const std::string& program);

@@ -81,7 +81,7 @@ std::set<std::string> kernelSet(int epollFd) {
     return set;
 }
 
-TEST(Registry, ASeededWalkKeepsCountsDumpAndKernelSetInStepWithAModel) {
+TEST(Registry, ASeededWalkKeepsCountsAndKernelSetInStepWithAModel) {
     const char* given = std::getenv("TAVREL_SEED");
     const unsigned seed = given != nullptr ? std::stoul(given) : std::random_device{}();
     SCOPED_TRACE("TAVREL_SEED=" + std::to_string(seed));
@@ -117,21 +117,15 @@ TEST(Registry, ASeededWalkKeepsCountsDumpAndKernelSetInStepWithAModel) {
         } else if (op == 3 && !attached) {
             observer = std::make_unique<EventObserver>();  // its number is free for reuse
         }
-        std::set<std::string> entries, dumped, kernel = {self};
+        std::set<std::string> kernel = {self};
         for (const auto& [number, registration] : model) {
-            if (registration.first == nullptr) continue;
-            entries.insert(format("(%d, %p)", number, registration.first));
             // EPOLLERR and EPOLLHUP are always on.
+            if (registration.first == nullptr) continue;
             kernel.insert(format("(%d, %x, %p)", number, registration.second | EPOLLERR | EPOLLHUP,
                                  registration.first));
         }
-        const std::string runtime = dumpOf(*monitor).at(1);
-        static const std::regex pair(R"(\(\d+, 0x[0-9a-f]+\))");
-        for (std::sregex_iterator it(runtime.begin(), runtime.end(), pair), end; it != end; ++it) {
-            dumped.insert(it->str());
-        }
-        ASSERT_EQ(dumped, entries) << "step " << step;
-        ASSERT_EQ(runtime.find(format("{ #attach=%d #detach=%d .mActive=1", attaches, detaches)),
+        ASSERT_EQ(dumpOf(*monitor).at(1).find(
+                      format("{ #attach=%d #detach=%d .mActive=1", attaches, detaches)),
                   4u);
         ASSERT_EQ(kernelSet(epollFd), kernel) << "step " << step;
     }

@@ -204,8 +204,7 @@ TEST(ReadyToRun, AppliesThePropertiesOnlyWhenTheDriverGivesNeitherValue) {
         const char* name;
     } rows[] = {{kNotGiven, kNotGiven, "", nullptr, nullptr, "0", SCHED_OTHER, 6, "P2DrvEP-thread"},
                 {kNotGiven, kNotGiven, "worker", "0", "3", nullptr, SCHED_BATCH, 3, "worker"},
-                {2, kNotGiven, "", "0", "3", nullptr, SCHED_OTHER, -1, "P2DrvEP-thread"},
-                {kNotGiven, 5, "", "0", "3", nullptr, SCHED_OTHER, -1, "P2DrvEP-thread"}};
+                {2, kNotGiven, "", "0", "3", nullptr, SCHED_OTHER, -1, "P2DrvEP-thread"}};
     // clang-format on
     for (const auto& row : rows) {
         const ScopedProperty policy(key + "policy", row.propertyPolicy),

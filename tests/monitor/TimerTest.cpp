@@ -42,7 +42,7 @@ TEST(Timer, NameDumpMaskAndVerboseLinesAsTheLogvPropertyOfItsConstructionSays) {
     const struct {
         const char *logv, *name;
         bool on;
-    } rows[] = {{nullptr, nullptr, false}, {"0", "p2", false}, {"1", "p2", true}, {"7", "", true}};
+    } rows[] = {{nullptr, nullptr, false}, {"1", "p2", true}, {"7", "", true}};
     for (const auto& row : rows) {
         const ScopedProperty logv("persist.vendor.camera.tavrel.timer.logv", row.logv);
         const auto timer = makeTimer(row.name);

@@ -61,10 +61,7 @@ tavrel-properties: \S+:4: malformed line skipped \(empty key\)
 (.|\n)*)"));
     EXPECT_THAT(child.out, HasSubstr("spaced=[two words] mode=3 details=4 mask=0x8002000 bits=0x30 "
                                      "tags=0x400 modules=0x1\n"));
-    std::ifstream file(log);
-    const std::string line((std::istreambuf_iterator<char>(file)),
-                           std::istreambuf_iterator<char>());
-    EXPECT_EQ(logEntries(line), Lines{"W tag: to the file"});
+    EXPECT_EQ(logEntries(readFile(log)), Lines{"W tag: to the file"});
 }
 
 TEST(DebugPrint, TheFileTextIsABaseNameWithoutPercent) {
@@ -90,23 +87,17 @@ TEST(CrashReporterDeathTest, ReportsGoToTheAndroidLogAndNumberedFilesAndTheServi
     const TempDir dir;
     const ScopedProperty crashDir("tavrel.host.crash.dir", dir.path.c_str());
     const StderrCapture err;
-    for (int i = 1; i <= 2; ++i)
-        NSCam::NSTavrel::tavrel_ruvex_trigger_exception("mod", "text %d", i);
+    for (const char* text : {"one", "two"})
+        NSCam::NSTavrel::tavrel_ruvex_trigger_exception("mod", "%s", text);
     EXPECT_EQ(logEntries(err.text()),
-              (Lines{"F tavrel-crash: mod: text 1", "F tavrel-crash: mod: text 2"}));
-    std::ifstream report(dir.path + format("/tavrel-crash-%d-2.txt", getpid()));
-    std::stringstream text;
-    text << report.rdbuf();
-    EXPECT_THAT(text.str(), MatchesRegex(format(
-                                "module: mod\npid: %d\ntid: %d\ntime: [-0-9T:]+Z\ntext:\ntext 2\n",
-                                getpid(), gettid())));
-    EXPECT_EXIT(
-        {
-            std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ);  // held until stdio is flushed
-            std::fprintf(stderr, "buffered\n");
-            NSCam::Utils::terminateService();
-        },
-        testing::ExitedWithCode(70), entriesAre({"buffered"}));
+              (Lines{"F tavrel-crash: mod: one", "F tavrel-crash: mod: two"}));
+    EXPECT_THAT(readFile(dir.path + format("/tavrel-crash-%d-2.txt", getpid())),
+                MatchesRegex(format("module: mod\npid: %d\ntid: %d\ntime: [-0-9T:]+Z\ntext:\ntwo\n",
+                                    getpid(), gettid())));
+    // stderr made fully buffered: the line reaches the parent only if the service flushes stdio.
+    EXPECT_EXIT((std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ), std::fprintf(stderr, "buffered\n"),
+                 NSCam::Utils::terminateService()),
+                testing::ExitedWithCode(70), entriesAre({"buffered"}));
 }
 
 // The policies' mapping is applied by the monitor's readyToRun tests and the timerlat runs.
