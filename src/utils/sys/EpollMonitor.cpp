@@ -346,9 +346,7 @@ __attribute__((always_inline)) inline void EpollMonitor::dispatch(struct epoll_e
 __attribute__((always_inline)) inline int EpollMonitor::tryEpoll(int timeoutMs) {
     Trace::Section section(Trace::kDispatch, "tryEpoll");
     const int ready = System::EPollWait(mEpollFd, mEpollEvents, kMaxEpollEvents, timeoutMs);
-    // Hinted: without it GCC arranges the result tests so that every wait runs more
-    // instructions.
-    if (__builtin_expect(ready > 0, 1)) {
+    if (ready > 0) {
         handleEvents(mEpollEvents, static_cast<unsigned long>(ready));
         return kEventsDispatched;
     }
