@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Writes the performance page from the raw outputs scripts/perf.sh leaves in one directory.
 
-usage: perf_report.py OUT_DIR PAGE.md TIME_PLOT.dat INSTRUCTIONS_PLOT.dat
+usage: perf_report.py OUT_DIR PAGE.md TIME_PLOT.dat INSTRUCTIONS_PLOT.dat ABLATION_DIR
 
 Every figure on the page comes from OUT_DIR. A target is "met" or "missed" only when the
 spread of its comparison lies wholly on one side of the limit; otherwise the page says it is
@@ -36,6 +36,9 @@ MAX_MEDIAN_GAP_US = 2.0
 MAX_P99_GAP_US = 10.0
 MAX_P99_OVER_CYCLICTEST = 2.0
 MAX_BYTES_PER_DESCRIPTOR = 64.0
+# A hot-path trick stays only if it saves at least this many instructions per callback or
+# per wrapper call somewhere.
+MIN_TRICK_GAIN = 3.0
 # Source lines of the library worth listing: at least this many instructions per callback.
 MIN_LINE_INSTRUCTIONS = 1.0
 # How sure the interval of a median of block-wise figures is.
@@ -136,6 +139,16 @@ def block_ratios(blocks, n, a, backend, other, metric):
 # --- callgrind -------------------------------------------------------------------------
 
 
+def per_callback(base):
+    """Instructions per callback of one counted run (BASE.out and BASE.callbacks), and its
+    callbacks."""
+    with open(base + ".out") as f:
+        totals = next(number(l.split()[1]) for l in f if l.startswith("totals:"))
+    with open(base + ".callbacks") as f:
+        callbacks = int(f.read().strip())
+    return totals / callbacks, callbacks
+
+
 def callgrind_runs(out):
     """{(backend, active): [instructions per callback of each repeat]} and file names."""
     counts = {}
@@ -145,12 +158,9 @@ def callgrind_runs(out):
         if name.startswith("wrapper-"):
             continue
         backend, active, _ = name.rsplit("-", 2)
-        with open(path) as f:
-            totals = next(number(l.split()[1]) for l in f if l.startswith("totals:"))
-        with open(os.path.join(out, "callgrind", name + ".callbacks")) as f:
-            callbacks = int(f.read().strip())
+        count, callbacks = per_callback(path[: -len(".out")])
         key = (backend, int(active))
-        counts.setdefault(key, []).append(totals / callbacks)
+        counts.setdefault(key, []).append(count)
         files.setdefault(key, (path, callbacks))
     return counts, files
 
@@ -218,6 +228,114 @@ def wrapper_overheads(path):
         extra = sum(number(i) for i, _ in outer) - sum(number(i) for i, _ in inner)
         found[wrapper] = (extra / calls, calls)
     return found
+
+
+def wrappers_of(directory):
+    """{wrapper: instructions over its bare call per call}: EPollWait from the monitor's run
+    at A = 1, the others from the wrapped micro-benchmarks, all in `directory`."""
+    found = {}
+    for path in [os.path.join(directory, "monitor-1.out")] + sorted(
+            glob.glob(os.path.join(directory, "wrapper-*.out"))):
+        found.update({w: extra for w, (extra, _) in wrapper_overheads(path).items()})
+    return found
+
+
+# --- hot-path tricks --------------------------------------------------------------------
+
+
+def patch_header(path):
+    """The "Key: value" lines a patch under bench/ablation/ starts with."""
+    header = {}
+    with open(path) as f:
+        for line in f:
+            if line.startswith("diff "):
+                break
+            key, colon, value = line.partition(": ")
+            if colon and " " not in key:
+                header[key] = value.strip()
+    return header
+
+
+def variant(directory):
+    """What one build of the library counted: ({active: instructions per callback},
+    {wrapper: instructions per call}); None when it was not measured."""
+    if not all(os.path.exists(os.path.join(directory, f"monitor-{a}.callbacks"))
+               for a in ACTIVES):
+        return None
+    dispatch = {a: per_callback(os.path.join(directory, f"monitor-{a}"))[0] for a in ACTIVES}
+    return dispatch, wrappers_of(directory)
+
+
+def ablation_rows(out, patches):
+    """(reference, [(name, header, {measure: with minus without})]): for each patch, what the
+    library with the trick (or the test) runs minus what it runs without, per measure:
+    ("A", active) per callback, ("wrapper", name) per call. None where not measured."""
+    reference = variant(os.path.join(out, "ablation", "reference"))
+    rows = []
+    for path in sorted(glob.glob(os.path.join(patches, "*.patch"))):
+        name = os.path.basename(path)[: -len(".patch")]
+        header = patch_header(path)
+        other = variant(os.path.join(out, "ablation", name))
+        if reference is None or other is None:
+            rows.append((name, header, None))
+            continue
+        # The patch puts a dropped trick back; every other patch takes something out.
+        with_, without = (other, reference) if header.get("State") == "dropped" else (
+            reference, other)
+        deltas = {("A", a): with_[0][a] - without[0][a] for a in ACTIVES}
+        for wrapper in WRAPPED_CALLS:
+            if wrapper in with_[1] and wrapper in without[1]:
+                deltas[("wrapper", wrapper)] = with_[1][wrapper] - without[1][wrapper]
+        rows.append((name, header, deltas))
+    return reference, rows
+
+
+def signed(value):
+    """A difference of instruction counts to one decimal, with no "-0.0"."""
+    return f"{value:+.1f}" if round(value, 1) != 0 else "0.0"
+
+
+def measure_name(measure):
+    kind, which = measure
+    return f"A = {which}" if kind == "A" else f"`{which}`"
+
+
+def best_gain(deltas):
+    """The largest saving over all measures, and where."""
+    measure = min(deltas, key=lambda m: deltas[m])
+    return -deltas[measure], measure_name(measure)
+
+
+def trick_verdict(header, deltas):
+    gain, where = best_gain(deltas)
+    # Per-call figures are ratios of whole counts: compare them as the page shows them.
+    earns = round(gain, 1) >= MIN_TRICK_GAIN
+    if header.get("State") == "dropped":
+        return ("dropped" if not earns else "**dropped, but earns its place**"), gain, where
+    return ("kept" if earns else f"**kept, but saves under {MIN_TRICK_GAIN:.0f}**"), gain, where
+
+
+def cost_limit(header):
+    """(limit, active) from a cost patch's "Limit: N at A = M" line, or None."""
+    m = re.match(r"([0-9.]+) at A = ([0-9]+)$", header.get("Limit", ""))
+    return (float(m.group(1)), int(m.group(2))) if m else None
+
+
+def cost_targets(rows):
+    targets = []
+    for name, header, deltas in rows:
+        limit = cost_limit(header)
+        if "Cost" not in header or limit is None:
+            continue
+        wanted, active = limit
+        label = f"{header['Cost']}, instructions per callback at A = {active}"
+        if deltas is None:
+            targets.append((label, f"≤ {wanted:g}", "not measured", "", "not measured"))
+            continue
+        cost = deltas[("A", active)]
+        targets.append((label, f"≤ {wanted:g}", signed(cost), "exact (instruction count)",
+                        judge(cost, cost, wanted)))
+    return targets
 
 
 # --- timer latency -----------------------------------------------------------------------
@@ -490,8 +608,63 @@ def write_instructions_plot(path, counts):
                                        for b in BACKENDS) + "\n")
 
 
+def write_tricks(page, reference, rows):
+    page.add("## Hot-path tricks, each against the plain code")
+    page.add()
+    page.add("Each patch under `bench/ablation/` changes one thing in the library: it takes a "
+             "trick out, or puts back one that was dropped. `scripts/perf.sh` rebuilds the "
+             "library from a copy of the sources with the patch applied and counts the same "
+             "programs again under callgrind with that library loaded in place of theirs: "
+             f"the monitor at N = {CALLGRIND_PAIRS} (instructions per callback) and the "
+             "wrappers (instructions each adds to its bare call, per call). The unpatched "
+             "copy, counted the same way, is the reference. Each cell is what the trick "
+             "saves: the count without it minus the count with it (negative: the trick costs "
+             f"instructions). A trick stays only if it saves at least {MIN_TRICK_GAIN:.0f} "
+             "somewhere; the others are written plainly.")
+    page.add()
+    if reference is None:
+        page.add("The reference build was not measured (see perf.sh's output).")
+        page.add()
+        return
+    dispatch, wrappers = reference
+    page.add("Reference: the monitor runs " + ", ".join(
+        f"{dispatch[a]:.1f} at A = {a}" for a in ACTIVES) + " instructions per callback; "
+             "the wrappers add " + ", ".join(f"{wrappers[w]:.1f} (`{w}`)" for w in WRAPPED_CALLS
+                                             if w in wrappers) + " per call.")
+    page.add()
+    measures = [("A", a) for a in ACTIVES] + [("wrapper", w) for w in WRAPPED_CALLS]
+    table, kept, dropped = [], [], []
+    for name, header, deltas in rows:
+        if "Trick" not in header:
+            continue
+        if deltas is None:
+            table.append([header["Trick"], f"`{name}`"] + [""] * len(measures) +
+                         ["not measured: the patch no longer applies or builds"])
+            continue
+        verdict, gain, where = trick_verdict(header, deltas)
+        saving = f"{signed(gain)} at {where}" if round(gain, 1) > 0 else "nothing anywhere"
+        (dropped if header.get("State") == "dropped" else kept).append(
+            f"{header['Trick']} ({saving})")
+        table.append([header["Trick"], f"`{name}`"] +
+                     [signed(-deltas[m]) if m in deltas else "" for m in measures] + [verdict])
+    page.table(["trick", "patch"] + [measure_name(m) for m in measures] + ["verdict"], table)
+    if kept:
+        page.add("Kept, with the most each saves: " + "; ".join(kept) + ".")
+        page.add()
+    if dropped:
+        page.add("Written plainly, with the most each would save: " + "; ".join(dropped) + ".")
+        page.add()
+    for name, header, deltas in rows:
+        if "Cost" not in header or deltas is None:
+            continue
+        page.add(f"Cost of {header['Cost']} (`{name}`), with it minus without it: " + ", ".join(
+            f"{signed(deltas[('A', a)])} at A = {a}" for a in ACTIVES) + " instructions per "
+                 "callback" + (f" (limit: {header['Limit']})." if "Limit" in header else "."))
+        page.add()
+
+
 def main():
-    out, page_path, plot_path, instructions_path = sys.argv[1:5]
+    out, page_path, plot_path, instructions_path, patches = sys.argv[1:6]
     machine = read_machine(out)
     rows = read_compare(out)
     blocks = read_blocks(out)
@@ -501,6 +674,7 @@ def main():
     timers = timer_runs(out)
     mapmem = read_mapmem(out)
     benchmarks = read_benchmarks(out)
+    reference, tricks = ablation_rows(out, patches)
     for section, stat in (("event-loop comparison", "compare.stat"), ("timer runs", "timer.stat")):
         busy = cpu_busy(os.path.join(out, stat))
         if busy:
@@ -525,6 +699,7 @@ def main():
     if not wrappers:
         targets.append(("wrapper instructions over the bare call", f"≤ {MAX_WRAPPER_INSTRUCTIONS}",
                         "no callgrind data", "", "not measured"))
+    targets += cost_targets(tricks)
     targets.append(benchmark_target(benchmarks, "disabled log statement", r"DisabledLogStatement"))
     targets.append(benchmark_target(benchmarks, "disabled trace section", r"DisabledTraceSection"))
     targets += timer_targets(timers)
@@ -656,6 +831,8 @@ def main():
             page.add(f"`System::EPollWait` costs {extra:.1f} instructions per call on top "
                      f"of libc's `epoll_wait` (inclusive counts over {calls} calls).")
             page.add()
+
+    write_tricks(page, reference, tricks)
 
     page.add("## Timer wake-up latency")
     page.add()

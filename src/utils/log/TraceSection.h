@@ -35,8 +35,7 @@ inline constexpr uint64_t kCameraTag = 0x400;
 
 // A gate is tested afresh at every trace point: nothing is remembered between a begin and
 // its end. It reads the category bits first and then the camera tag twice, as the
-// platform's own trace macros do. The first test is all that runs while tracing is off,
-// so it stays inline and the rest of the gate goes out of line.
+// platform's own trace macros do.
 inline bool categoryOn(uint64_t category) {
     return (get_tavrel_enabled_tracebits() & category) != 0;
 }
@@ -50,41 +49,24 @@ inline bool enabled(uint64_t category) {
     return categoryOn(category) && cameraTagOn();
 }
 
-// The rest of an entry gate whose category bit is on, and the begin it guards.
-__attribute__((noinline, cold)) inline void beginIfTagged(const char* name) {
-    if (cameraTagOn()) atrace_begin_body(name);
-}
-
-// The same for an entry gate whose section is named only once it opens: `nameOf(args...)`
-// runs only then.
-template <typename NameOf, typename... Args>
-__attribute__((noinline, cold)) void beginIfTaggedNamed(NameOf nameOf, Args... args) {
-    if (cameraTagOn()) atrace_begin_body(nameOf(args...));
-}
-
-// The rest of an exit gate whose category bit is on, and the end it guards.
-__attribute__((noinline, cold)) inline void endIfTagged() {
-    if (cameraTagOn()) atrace_end_body();
-}
-
 // Brackets a scope. Entry and exit test the gate independently, so a change of the masks
 // in between can leave a begin without its end or an end without its begin.
 class Section {
 public:
     Section(uint64_t category, const char* name) : mCategory(category) {
-        if (__builtin_expect(categoryOn(mCategory), 0)) beginIfTagged(name);
+        if (enabled(mCategory)) atrace_begin_body(name);
     }
     // For names built at run time: `nameOf(args...)` returns the name and is called only
     // when the section opens, so an untraced section builds none. `nameOf` captures
-    // nothing; what it needs comes as `args`, which stay in registers until then.
+    // nothing; what it needs comes as `args`.
     template <typename NameOf, typename... Args,
               typename = std::enable_if_t<std::is_invocable_r_v<const char*, NameOf, Args...>>>
     Section(uint64_t category, NameOf nameOf, Args... args) : mCategory(category) {
         static_assert(std::is_empty_v<NameOf>, "nameOf takes what it needs as arguments");
-        if (__builtin_expect(categoryOn(mCategory), 0)) beginIfTaggedNamed(nameOf, args...);
+        if (enabled(mCategory)) atrace_begin_body(nameOf(args...));
     }
     ~Section() {
-        if (__builtin_expect(categoryOn(mCategory), 0)) endIfTagged();
+        if (enabled(mCategory)) atrace_end_body();
     }
     Section(const Section&) = delete;
     Section& operator=(const Section&) = delete;

@@ -54,10 +54,9 @@ T failureResult(int err) {
 // The failure half of the contract, up to the end of the trace section. Runs right after
 // the failed call: nothing between the call and the errno read below can change errno.
 template <typename Result, typename LogError, typename... Args>
-__attribute__((noinline, cold)) Result failed(uint64_t traceCategory, const char* function,
-                                              int silentErrno, const char* driverFormat,
-                                              LogError logError, Result result,
-                                              const std::tuple<Args...>& args) {
+Result failed(uint64_t traceCategory, const char* function, int silentErrno,
+              const char* driverFormat, LogError logError, Result result,
+              const std::tuple<Args...>& args) {
     const int err = errno;
     if (err != silentErrno) {
         std::apply([&](Args... values) { logError(function, result, err, values...); }, args);
@@ -68,10 +67,10 @@ __attribute__((noinline, cold)) Result failed(uint64_t traceCategory, const char
     return failureResult<Result>(err);
 }
 
-// From the first test of the exit gate on, for a section whose category bit is on.
+// The rest of the exit gate and the end it guards, for a section whose category bit is on.
 template <typename Result>
 __attribute__((noinline, cold)) Result endSection(Result result) {
-    Trace::endIfTagged();
+    if (Trace::cameraTagOn()) atrace_end_body();
     return result;
 }
 
@@ -86,10 +85,10 @@ __attribute__((always_inline)) inline auto callAndClose(uint64_t traceCategory, 
     // and a store each is cheaper than keeping them in registers the call preserves.
     const std::tuple<Args...> saved{args...};
     const Result result = call(args...);
-    if (__builtin_expect(isFailure(result, fails), 0)) {
+    if (isFailure(result, fails)) {
         return failed(traceCategory, function, silentErrno, driverFormat, logError, result, saved);
     }
-    if (__builtin_expect(Trace::categoryOn(traceCategory), 0)) return endSection(result);
+    if (Trace::categoryOn(traceCategory)) return endSection(result);
     return result;
 }
 
@@ -99,7 +98,7 @@ __attribute__((noinline, cold)) auto tracedCall(uint64_t traceCategory, const ch
                                                 Fails fails, const char* function, int silentErrno,
                                                 const char* driverFormat, Call call,
                                                 LogError logError, Args... args) {
-    Trace::beginIfTagged(section);
+    if (Trace::cameraTagOn()) atrace_begin_body(section);
     return callAndClose(traceCategory, fails, function, silentErrno, driverFormat, call, logError,
                         args...);
 }
@@ -108,14 +107,14 @@ __attribute__((noinline, cold)) auto tracedCall(uint64_t traceCategory, const ch
 // result, err, args...)` writes the wrapper's error line; `function` is the wrapper's
 // name. Both capture nothing: the arguments travel as scalars, so the success path builds
 // no object for the paths it does not take. That path is the category test, the call, the
-// failure test and the category test again; the failure and the traced paths run out of
-// line. Always inlined, so the rule folds into constants.
+// failure test and the category test again; the traced path runs out of line. Always
+// inlined, so the rule folds into constants.
 template <typename Call, typename LogError, typename... Args>
 __attribute__((always_inline)) inline auto checked(const Rule& rule, const char* function,
                                                    Call call, LogError logError, Args... args) {
     static_assert(std::is_empty_v<Call> && std::is_empty_v<LogError>,
                   "the call and its error line take what they need as arguments");
-    if (__builtin_expect(Trace::categoryOn(rule.traceCategory), 0)) {
+    if (Trace::categoryOn(rule.traceCategory)) {
         return tracedCall(rule.traceCategory, rule.section, rule.fails, function, rule.silentErrno,
                           rule.driverFormat, call, logError, args...);
     }

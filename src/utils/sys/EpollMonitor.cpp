@@ -293,7 +293,7 @@ __attribute__((always_inline)) inline void EpollMonitor::handleEvents(struct epo
     Trace::Section section(Trace::kHandleEvents, "handleEvents");
     // mLogv is fixed since construction: the per-event tests of it are decided once per
     // batch.
-    if (__builtin_expect(mLogv != 0, 0)) {
+    if (mLogv != 0) {
         dispatch<true>(events, count);
     } else {
         dispatch<false>(events, count);
@@ -310,7 +310,7 @@ __attribute__((always_inline)) inline void EpollMonitor::dispatch(struct epoll_e
         if (events[i].data.ptr == &sDetachedEntry) continue;
         IEventObserver* observer = static_cast<IEventObserver*>(events[i].data.ptr);
         const uint32_t mask = events[i].events;
-        if (__builtin_expect(observer == nullptr, 0)) {
+        if (observer == nullptr) {
             TAVREL_FATAL_IN("handleEvents", "[%s] Bad observer", "handleEvents");
         }
         // Asked once, before onEvent (an observer may detach and free itself in there), and
@@ -346,7 +346,7 @@ __attribute__((always_inline)) inline void EpollMonitor::dispatch(struct epoll_e
 __attribute__((always_inline)) inline int EpollMonitor::tryEpoll(int timeoutMs) {
     Trace::Section section(Trace::kDispatch, "tryEpoll");
     const int ready = System::EPollWait(mEpollFd, mEpollEvents, kMaxEpollEvents, timeoutMs);
-    if (__builtin_expect(ready > 0, 1)) {
+    if (ready > 0) {
         handleEvents(mEpollEvents, static_cast<unsigned long>(ready));
         return kEventsDispatched;
     }
@@ -364,7 +364,7 @@ bool EpollMonitor::threadLoop() {
                     toString_runtime().c_str());
     }
     while (mActive.load(std::memory_order_relaxed)) {
-        if (__builtin_expect(tryEpoll(mWaitTimeoutMs) != kWaitTimedOut, 1)) continue;
+        if (tryEpoll(mWaitTimeoutMs) != kWaitTimedOut) continue;
         if (Log::detailsAdmit<Log::Level::kVerbose>()) {
             TAVREL_LOGV("[%s] %s: epoll timed out (>= %d ms) %s %s", mName.c_str(), "threadLoop",
                         mWaitTimeoutMs, toString_config().c_str(), toString_runtime().c_str());
