@@ -3,6 +3,7 @@
 #include <cwchar>
 
 #include "common/Support.h"
+#include "tavrel/StdoutPrinter.h"
 #include "tavrel/ULogPrinter.h"
 #include "utils/log/FatalReport.h"
 #include "utils/log/Log.h"
@@ -38,8 +39,9 @@ TEST(LogStatement, EachRouteHasItsSwitchAndEachLevelItsDetailsGate) {
         const LogCapture capture(row.switches);
         writeEachLevel();
         std::string debug, unified;
-        for (const std::string& line : capture.debug()) debug += line[line.find("[f] ") + 4];
-        for (const std::string& text : capture.texts()) unified += text[4];
+        // Each line named by the level it was written at: "I" only if info is 3 on both.
+        for (const std::string& line : capture.debug()) debug += "VEWI"[line[0] - '0'];
+        for (const std::string& line : capture.unified()) unified += "?EWI?V"[line[0] - '0'];
         EXPECT_EQ(debug + "/" + unified, std::string(row.debug) + "/" + row.unified)
             << row.switches.mode << " " << row.switches.details << " " << row.switches.mask;
     }
@@ -155,6 +157,19 @@ TEST(ULogPrinter, LongEmptyUnformattableLinesAndLongTags) {
         (Lines{"W " + tag + ": " + ("pre:" + text).substr(0, 1023), "W " + tag + ": pre: ",
                "W " + tag + ": pre: ", "1 " + tag63 + " 0x8002001 2000 " + text.substr(0, 1023),
                "1 " + tag63 + " 0x8002001 0 ", "1 " + tag63 + " 0x8002001 0 "}));
+}
+
+TEST(StdoutPrinter, WholeLinesWithoutALengthLimitAndStdoutLeftUnlocked) {
+    NSCam::StdoutPrinter printer;
+    const std::string text(5000, 'z');
+    testing::internal::CaptureStdout();
+    printer.printLine("plain");
+    printer.printFormatLine("%s=%d", text.c_str(), 7);
+    // A lock left held would keep every other thread's stdout waiting.
+    int locked = -1;
+    std::thread([&] { locked = ftrylockfile(stdout) == 0 ? (funlockfile(stdout), 0) : 1; }).join();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "plain\n" + text + "=7\n");
+    EXPECT_EQ(locked, 0);
 }
 
 }  // namespace
