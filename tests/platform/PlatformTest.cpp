@@ -2,6 +2,7 @@
 // lines, debug print, the trace file, descriptor ownership, crash reports and thread control.
 
 #include "common/Support.h"
+#include "tavrel/platform/AndroidLogTags.h"
 #include "tavrel/platform/CrashReporter.h"
 
 namespace tavrel::test {
@@ -68,19 +69,44 @@ TEST(DebugPrint, TheFileTextIsABaseNameWithoutPercent) {
     EXPECT_STREQ(get_filename_log_control("src/utils/sys/Sys%Call"), "Sys_Call");
 }
 
-TEST(FdsanDeathTest, ClosingWithAnotherOwnersTagIsFatal) {
-    const uint64_t mine = zelcam_fdsan_create_tag(0x1234, 1),
-                   theirs = zelcam_fdsan_create_tag(0x99, 1);
-    EXPECT_EQ(mine, 0x0100000000001234u);
-    const int fd = ::eventfd(0, EFD_CLOEXEC);
-    ASSERT_EQ(zelcam_fdsan_exchange_tag(fd, 0, mine, 1), 0);
-    const std::string closing =
-        format("fdsan: attempted to close fd %d with tag 0x%lx owned by 0x%lx", fd,
-               static_cast<unsigned long>(theirs), static_cast<unsigned long>(mine));
-    EXPECT_DEATH(zelcam_fdsan_close_with_tag(fd, theirs, 1),
-                 entriesAre({closing, "F fdsan: " + closing}));
-    EXPECT_EQ(zelcam_fdsan_close_with_tag(fd, mine, 1), 0);
-    EXPECT_EQ(host::fdsanGetTag(fd), 0u);
+// A descriptor number far above what the program opens, the same in a death-test child,
+// open and owned by 0xabc.
+constexpr int kOwnedFd = 901;
+constexpr uint64_t kOwnerTag = 0x0100000000000abc;
+
+int ownedFd() {
+    ::dup2(UniqueFd(::eventfd(0, EFD_CLOEXEC)).get(), kOwnedFd);
+    EXPECT_EQ(zelcam_fdsan_exchange_tag(kOwnedFd, 0, zelcam_fdsan_create_tag(0xabc, 1), 1), 0);
+    return kOwnedFd;
+}
+
+TEST(FdsanDeathTest, AnyCloseOrDupOntoAnOwnedDescriptorMeetsTheReactionAtOnce) {
+    const std::string owner = " owned by 0x100000000000abc";
+    const std::pair<void (*)(int), std::string> rows[] = {
+        {[](int fd) { zelcam_fdsan_close_with_tag(fd, kOwnerTag + 1, 1); },
+         "close fd 901 with tag 0x100000000000abd" + owner},
+        {[](int fd) { ::close(fd); }, "close fd 901 with tag 0x0" + owner},
+        {[](int fd) { ::dup2(STDIN_FILENO, fd); }, "dup2 onto fd 901 but it is" + owner},
+        {[](int fd) { ::dup3(STDIN_FILENO, fd, 0); }, "dup3 onto fd 901 but it is" + owner}};
+    for (const auto& [call, report] : rows) {
+        EXPECT_DEATH(call(ownedFd()), entriesAre({"fdsan: attempted to " + report,
+                                                  "F fdsan: fdsan: attempted to " + report}));
+    }
+}
+
+// Closed by its owner, warned once or unchecked, the close goes on and the tag goes with
+// the descriptor.
+TEST(Fdsan, ClosesGoOnForTheOwnerAndUnderTheMilderReactions) {
+    EXPECT_EQ(zelcam_fdsan_close_with_tag(ownedFd(), kOwnerTag, 1), 0);
+    for (const auto reaction : {host::FdsanReaction::kWarnOnce, host::FdsanReaction::kOff}) {
+        host::setFdsanReaction(reaction);
+        const StderrCapture err;
+        EXPECT_EQ(::close(ownedFd()), 0);
+        EXPECT_EQ(err.text().substr(0, 8), reaction == host::FdsanReaction::kOff ? "" : "fdsan W ");
+        EXPECT_EQ(host::fdsanGetTag(kOwnedFd), 0u);
+        EXPECT_EQ(::fcntl(kOwnedFd, F_GETFD), -1);
+    }
+    host::setFdsanReaction(host::FdsanReaction::kFatal);
 }
 
 TEST(CrashReporterDeathTest, ReportsGoToTheAndroidLogAndNumberedFilesAndTheServiceEndsWith70) {
@@ -98,6 +124,59 @@ TEST(CrashReporterDeathTest, ReportsGoToTheAndroidLogAndNumberedFilesAndTheServi
     EXPECT_EXIT((std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ), std::fprintf(stderr, "buffered\n"),
                  NSCam::Utils::terminateService()),
                 testing::ExitedWithCode(70), entriesAre({"buffered"}));
+}
+
+// A line of tag "a" or "b" at one debug level under each filter expression, and the
+// start of what stderr shows.
+TEST(HostAndroidLogTest, AndroidLogTagsFilterWithLogcatRules) {
+    const char* const badRule =
+        "tavrel-log: ANDROID_LOG_TAGS rule 'x:Q' left out (expected tag:level or *:level, with "
+        "a level of V, D, I, W, E, F or S)\n";
+    const std::tuple<const char*, const char*, cam_debug_level_t, const char*> rows[] = {
+        {"", "a", CAM_DEBUG_INFO, "a I "},          {"a:W *:S", "a", CAM_DEBUG_WARNING, "a W "},
+        {"a:W *:S", "a", CAM_DEBUG_INFO, ""},       {"a:W *:S", "b", CAM_DEBUG_ERROR, ""},
+        {"*:E", "b", CAM_DEBUG_ERROR, "b E "},      {"*:w", "b", CAM_DEBUG_INFO, ""},
+        {"a *:S", "a", CAM_DEBUG_INFO, "a I "},     {"a:i,a:e", "a", CAM_DEBUG_WARNING, ""},
+        {"b:S\ta:E", "a", CAM_DEBUG_ERROR, "a E "}, {"x:Q *:S", "a", CAM_DEBUG_ERROR, badRule},
+    };
+    for (const auto& [tags, tag, level, said] : rows) {
+        const StderrCapture err;
+        host::setAndroidLogTags(tags);
+        log_dbg_print(tag, level, "line");
+        const std::string text = err.text();
+        EXPECT_EQ(text.substr(0, std::strlen(said)), said) << tags;
+        EXPECT_EQ(text.empty(), *said == 0) << tags;
+    }
+    host::setAndroidLogTags(nullptr);
+}
+
+// Each mistake is said once, when first set or read; an empty value is no mistake. The
+// unknown key's report is checked up to its first host key.
+TEST(HostPropertiesTest, MistakesAreReportedOnceNamingKeyAndExpectation) {
+    const std::tuple<const char*, const char*, void (*)(), const char*> rows[] = {
+        {"tavrel.host.x", "3", [] {},
+         "unknown key tavrel.host.x ignored (expected one of tavrel.host.ulog.mode, "},
+        {"t.int", "abc", [] { Properties::property_get_int32("t.int", 0); },
+         "t.int=abc ignored (expected a signed 32-bit number, decimal or 0x hex)\n"},
+        {"t.int", "", [] { Properties::property_get_int32("t.int", 0); }, nullptr},
+        {"t.bool", "maybe", [] { Properties::property_get_bool("t.bool", 0); },
+         "t.bool=maybe ignored (expected 1, y, yes, on, true, 0, n, no, off or false)\n"},
+        {"tavrel.host.perfctrl.affinity", "0-", [] { zelcam_perfctrl_set_affinity(); },
+         "tavrel.host.perfctrl.affinity=0- ignored (expected a CPU list such as 0-1,3)\n"},
+    };
+    for (const auto& [key, value, read, report] : rows) {
+        for (const char* said : {report, static_cast<const char*>(nullptr)}) {
+            const StderrCapture err;
+            host::property_set(key, value);
+            read();
+            const std::string text = err.text(),
+                              expected =
+                                  said != nullptr ? std::string("tavrel-properties: ") + said : "";
+            EXPECT_EQ(text.substr(0, expected.empty() ? std::string::npos : expected.size()),
+                      expected);
+        }
+        host::property_set(key, nullptr);
+    }
 }
 
 // The policies' mapping is applied by the monitor's readyToRun tests and the timerlat runs.
