@@ -165,7 +165,9 @@ TEST(StdoutPrinter, WholeLinesWithoutALengthLimitAndStdoutLeftUnlocked) {
     testing::internal::CaptureStdout();
     printer.printLine("plain");
     printer.printFormatLine("%s=%d", text.c_str(), 7);
-    // A lock left held would keep every other thread's stdout waiting.
+    // A lock left held, or released once too often (then held after stdout's next use),
+    // would keep every other thread's stdout waiting.
+    std::fflush(stdout);
     int locked = -1;
     std::thread([&] { locked = ftrylockfile(stdout) == 0 ? (funlockfile(stdout), 0) : 1; }).join();
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "plain\n" + text + "=7\n");
