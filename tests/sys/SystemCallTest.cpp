@@ -1,6 +1,5 @@
 // The wrappers of files, directories and event primitives: result, error line on both
-// routes and trace section of each, the owner tags of what they create, and nothing to
-// list at the descriptor limit. (The stress test interrupts waits with signals.)
+// routes and trace section of each, and nothing to list at the descriptor limit. (The stress test interrupts waits with signals.)
 #include <dirent.h>
 
 #include "common/Support.h"
@@ -111,16 +110,6 @@ TEST(SystemCall, EachWrapperHasItsResultErrorLineAndTraceSection) {
                       "[Ioctl] ioctl(-1, 0x80045430): -9(Bad file descriptor)");
     EXPECT_CALL_GIVES("Ioctl", 2, System::Ioctl(-1, 0x5401, buffer, 0), -1);
     EXPECT_CALL_GIVES("Ioctl", 2, System::Ioctl(-1, 0x5401, buffer, 2), -1);
-}
-
-TEST(SystemCall, CreatedDescriptorsCarryTheirOwnersTagUntilClosedByIt) {
-    for (const int fd : {System::EventFD(0, EFD_CLOEXEC, kOwner), System::EPollCreate(1, kOwner),
-                         System::TimerFDCreate(CLOCK_MONOTONIC, TFD_CLOEXEC, kOwner),
-                         System::Open("/dev/null", O_RDONLY | O_CLOEXEC, kOwner)}) {
-        EXPECT_EQ(host::fdsanGetTag(fd), zelcam_fdsan_create_tag(kOwner, 1));
-        EXPECT_EQ(System::Close(fd, kOwner), 0);
-        EXPECT_EQ(int64_t(host::fdsanGetTag(fd)) + ::fcntl(fd, F_GETFD), -1);
-    }
 }
 
 // Exits with what EventFD returned, negated, with every descriptor number in use.

@@ -1,5 +1,6 @@
-// Parts of the system-call layer that its tests reach directly: the errno reaction and
-// the limit of the queueing requests' duration check.
+// Parts of the system-call layer that the wrappers' inline code calls: the errno reaction
+// and the limit of the queueing requests' duration check (which the tests also check
+// directly, since no request on a busy machine can be timed to a boundary).
 #pragma once
 
 #include <cstdint>
