@@ -21,7 +21,9 @@ std::string format(const char* fmt, ...) {
     return text;
 }
 
-std::string withoutLineNumbers(const std::string& text) {
+// Source line numbers in a log text as N ("Read() ... {#N:src/...}"), so that expectations
+// do not move with the sources.
+static std::string withoutLineNumbers(const std::string& text) {
     static const std::regex header(R"((\] [^ :]+):\d+ )"), suffix(R"(\{#\d+:)");
     return std::regex_replace(
         std::regex_replace(text, header, "$1:N ", std::regex_constants::format_first_only), suffix,
@@ -148,7 +150,9 @@ std::string readFile(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
-std::string commandFor(const std::string& program) {
+// The shell words that run `program`: in a cross build the emulator's words first (CTest
+// passes them in TAVREL_TEST_EMULATOR), since the host runs an Arm program only through it.
+static std::string commandFor(const std::string& program) {
     const char* emulator = std::getenv("TAVREL_TEST_EMULATOR");
     return (emulator != nullptr ? std::string(emulator) + " " : "") + program;
 }

@@ -57,10 +57,6 @@ inline Lines operator+(Lines a, const Lines& b) {
     return a;
 }
 
-// Source line numbers in a log text as N ("Read() ... {#N:src/...}"), so that expectations
-// do not move with the sources.
-std::string withoutLineNumbers(const std::string& text);
-
 // The unified logger's switches and the library's bit (55) in the debug-print level table.
 struct LogSwitches {
     uint32_t mode = 0x3;  // both routes
@@ -129,10 +125,6 @@ struct TempDir {
 
 // The whole content of a file; empty when it cannot be read.
 std::string readFile(const std::string& path);
-
-// The shell words that run `program`: in a cross build the emulator's words first (CTest
-// passes them in TAVREL_TEST_EMULATOR), since the host runs an Arm program only through it.
-std::string commandFor(const std::string& program);
 
 struct Outcome {
     int status;       // exit status, or -1 when the command could not run

@@ -1,7 +1,12 @@
-// The monitor with observers coming and going: detaches inside a batch, and threads racing
-// each other and the monitor thread while signals interrupt its waits.
+// The monitor with observers coming and going: detaches inside a batch, a seeded walk
+// checked against a model and the kernel's epoll set, and threads racing each other and
+// the monitor thread while signals interrupt its waits.
 #include <pthread.h>
 #include <signal.h>
+
+#include <map>
+#include <random>
+#include <set>
 
 #include "common/Support.h"
 
@@ -34,9 +39,8 @@ TEST(DetachInBatch, ADetachedObserverIsNotCalledForTheRestOfTheBatch) {
     }
     loop.thread->threadLoop();
     EXPECT_EQ(calls * 10 + last.calls, 11);
-    for (auto& observer : observers) {
+    for (auto& observer : observers)
         if (observer != nullptr) loop.monitor->detach(observer.get());
-    }
     loop.monitor->detach(&last);
 }
 
@@ -64,6 +68,61 @@ TEST(DetachInBatch, AStaleEntryReachesNeitherItsObserverNorTheNextOwnerOfItsNumb
     loop.monitor->detach(c.get());
 }
 
+// The kernel's epoll set as "fd events data" entries, from the epoll descriptor's fdinfo.
+std::set<std::string> kernelSet(int epollFd) {
+    std::ifstream info(format("/proc/self/fdinfo/%d", epollFd));
+    std::set<std::string> set;
+    for (std::string word, fd, events, data; info >> word;) {
+        if (word == "tfd:" && info >> fd >> word >> events >> word >> data)
+            set.insert(fd + " " + events + " " + data);
+    }
+    return set;
+}
+
+// Attaches, modifies, detaches (also through another object with the same descriptor) and
+// reuses descriptor numbers at random; after each step the kernel's set must match a model. Replay
+// a run with TAVREL_SEED=<seed>.
+TEST(Registry, ASeededWalkKeepsTheKernelSetInStepWithAModel) {
+    const char* given = std::getenv("TAVREL_SEED");
+    const unsigned seed = given != nullptr ? std::stoul(given) : std::random_device{}();
+    SCOPED_TRACE("TAVREL_SEED=" + std::to_string(seed));
+    std::mt19937 random(seed);
+    const auto monitor = IEpollMonitor::make("walk");
+    const std::string first = dumpOf(*monitor).at(0);
+    const int epollFd = std::stoi(first.substr(first.find(".mEpollFd=") + 10));
+    const std::set<std::string> own = kernelSet(epollFd);  // the monitor's eventfd alone
+    std::vector<std::unique_ptr<EventObserver>> pool(6);
+    for (auto& observer : pool) observer = std::make_unique<EventObserver>();
+    std::map<int, std::string> model;  // the kernel's entry of each attached descriptor
+    const unsigned masks[] = {EPOLLIN, EPOLLIN | EPOLLET, EPOLLPRI, EPOLLIN | EPOLLOUT};
+    for (int step = 0; step < 300; ++step) {
+        std::unique_ptr<EventObserver>& observer = pool[random() % pool.size()];
+        const int fd = observer->getEventFD(), op = int(random() % 4);
+        const unsigned mask = masks[random() % 4];
+        const bool attached = model.count(fd) != 0;
+        // EPOLLERR and EPOLLHUP are always on.
+        const std::string entry = format("%d %x %lx", fd, mask | EPOLLERR | EPOLLHUP,
+                                         reinterpret_cast<unsigned long>(observer.get()));
+        FdObserver other(fd);  // detaches by descriptor, as the registered observer would
+        if (op == 0 && !attached) {
+            monitor->attach(observer.get(), int(mask));
+            model[fd] = entry;
+        } else if (op == 1 && attached) {
+            monitor->modify(observer.get(), int(mask));
+            model[fd] = entry;
+        } else if (op == 2 && attached) {
+            monitor->detach(random() % 2 != 0 ? &other
+                                              : static_cast<IEventObserver*>(observer.get()));
+            model.erase(fd);
+        } else if (op == 3 && !attached) {
+            observer = std::make_unique<EventObserver>();  // its number is free for reuse
+        }
+        std::set<std::string> kernel = own;
+        for (const auto& [number, registered] : model) kernel.insert(registered);
+        ASSERT_EQ(kernelSet(epollFd), kernel) << "step " << step;
+    }
+}
+
 size_t openDescriptors() {
     return static_cast<size_t>(
         std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
@@ -75,8 +134,7 @@ size_t openDescriptors() {
 // Runs half a second, or TAVREL_SOAK_SECONDS (scripts/soak.sh).
 TEST(MonitorStress, EveryUnitIsConsumedEveryRegistrationUndoneAndNothingLogged) {
     const size_t before = openDescriptors();
-    struct sigaction action {
-    }, previous{};
+    struct sigaction action = {}, previous = {};
     action.sa_handler = [](int) {};
     ::sigaction(SIGUSR1, &action, &previous);  // without SA_RESTART: waits end with EINTR
     const LogCapture capture({3, 2});

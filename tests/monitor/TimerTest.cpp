@@ -39,14 +39,12 @@ std::shared_ptr<Timer> makeTimer(
 }
 
 TEST(Timer, NameDumpMaskAndVerboseLinesAsTheLogvPropertyOfItsConstructionSays) {
-    const struct {
-        const char *logv, *name;
-        bool on;
-    } rows[] = {{nullptr, nullptr, false}, {"1", "p2", true}, {"7", "", true}};
-    for (const auto& row : rows) {
-        const ScopedProperty logv("persist.vendor.camera.tavrel.timer.logv", row.logv);
-        const auto timer = makeTimer(row.name);
-        const std::string name = row.name != nullptr ? std::string("Timer-") + row.name : "Timer-?";
+    // The logv value (unset, then any value but 0 turns the lines on) and the name.
+    const std::pair<const char*, const char*> rows[] = {{nullptr, nullptr}, {"1", "p2"}, {"7", ""}};
+    for (const auto& [logvValue, given] : rows) {
+        const ScopedProperty logv("persist.vendor.camera.tavrel.timer.logv", logvValue);
+        const auto timer = makeTimer(given);
+        const std::string name = given != nullptr ? std::string("Timer-") + given : "Timer-?";
         const std::string text =
             format("{ %s .fd=%d .event=80000001 }", name.c_str(), timer->getEventFD());
         RecordingPrinter printer;
@@ -66,7 +64,7 @@ TEST(Timer, NameDumpMaskAndVerboseLinesAsTheLogvPropertyOfItsConstructionSays) {
               "[enableEdgeTrigger] %-7s: { .it_interval=0.100000000 .it_value=0.0 }",
               "[stopTimer] %-7s: { .it_interval=0.0 .it_value=0.0 }"}) {
             const std::string line = format(text, timer->getEventName().c_str());
-            if (row.on)
+            if (logvValue != nullptr)
                 expected.push_back(format("5 tavrel-Timer 0x8002001 %zu ", line.size()) + line);
         }
         EXPECT_EQ(capture.unified(), expected);

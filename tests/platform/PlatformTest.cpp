@@ -184,10 +184,9 @@ TEST(ThreadControl, NumbersOutOfRangeAreRefusedAndNamesCut) {
     std::thread([] {
         const int tid = NSCam::Thread::getThisThread();
         EXPECT_EQ(tid, gettid());
-        for (const auto& [policy, priority] :
-             {std::make_pair(1, 20), std::make_pair(2, 0), std::make_pair(4, 1)}) {
+        // Nice 20 for SCHED_OTHER, real-time 0 for SCHED_FIFO, and an unknown policy.
+        for (const auto& [policy, priority] : {std::pair{1, 20}, {2, 0}, {4, 1}})
             EXPECT_EQ(NSCam::Thread::setThreadPriority(tid, priority, policy), -EINVAL) << policy;
-        }
         customizeThreadReadyToRun("a-name-longer-than-fifteen", 26);
         char name[16] = {};
         prctl(PR_GET_NAME, name);

@@ -159,20 +159,20 @@ TEST(DurationCheck, MeasuredOnlyWithVerboseDetailsAtLoadAndNoCameraLogLevelBelow
                               "ioctl(100, VIDIOC_QBUF): -5(" + std::string(strerror(EIO)) + ")",
                               " (QueueVideoNodeBuf){#N:src/utils/sys/SystemCall}") +
                          Lines{report("VIDIOC_QBUF", EIO)};
-    const std::string details = "tavrel.host.ulog.mode=3\ntavrel.host.ulog.details_level=",
-                      level = "\npersist.vendor.zel.camera.log_level=";
-    for (const auto& [properties, measured] :
-         {std::make_pair(details + "4", true), std::make_pair(details + "3", false),
-          std::make_pair(details + "4" + level + "3", true),
-          std::make_pair(details + "4" + level + "2", false),
-          std::make_pair(details + "4" + level + "0", false)}) {
+    // Details level, then camera log level (empty: unset), then whether requests are timed.
+    // clang-format off
+    for (const auto& [details, level, measured] : {std::make_tuple("4", "", true), {"3", "", false},
+            {"4", "3", true}, {"4", "2", false}, {"4", "0", false}}) {
+        // clang-format on
+        const std::string properties =
+            "tavrel.host.ulog.mode=3\ntavrel.host.ulog.details_level=" + std::string(details) +
+            (*level != 0 ? "\npersist.vendor.zel.camera.log_level=" : "") + level;
         const Outcome child = runWithProperties("DurationCheck.DISABLED_SlowRequests", properties);
         Lines got;
         for (const std::string& entry : logEntries(child.out)) {
-            if (entry.find(" tavrel-") == 1) {
-                got.push_back(
-                    std::regex_replace(entry, std::regex(R"(takes \d{7,} ns)"), "takes T ns"));
-            }
+            if (entry.find(" tavrel-") != 1) continue;
+            got.push_back(
+                std::regex_replace(entry, std::regex(R"(takes \d{7,} ns)"), "takes T ns"));
         }
         EXPECT_EQ(got, measured ? slow + failed : failed) << properties;
         EXPECT_EQ(child.status, 70);

@@ -1,5 +1,6 @@
 // The wrappers of files, directories and event primitives: result, error line on both
-// routes and trace section of each, and nothing to list at the descriptor limit. (The stress test interrupts waits with signals.)
+// routes and trace section of each, and nothing to list at the descriptor limit. (The stress test
+// interrupts waits with signals.)
 #include <dirent.h>
 
 #include "common/Support.h"
@@ -42,8 +43,7 @@ TEST(SystemCall, EachWrapperHasItsResultErrorLineAndTraceSection) {
     epoll_event event{EPOLLIN, {}}, ready[4];
     ::epoll_ctl(e, EPOLL_CTL_ADD, a, &event);
     DIR *atEnd = ::opendir(temp.path.c_str()), *broken = ::opendir(temp.path.c_str());
-    while (::readdir(atEnd) != nullptr) {
-    }
+    while (::readdir(atEnd) != nullptr) continue;
     ::close(::dirfd(broken));
     char buffer[16] = {};
     itimerspec spec{};
@@ -84,18 +84,17 @@ TEST(SystemCall, EachWrapperHasItsResultErrorLineAndTraceSection) {
                       "[EPollCreate] epoll_create() return -1: " + invalid);
     EXPECT_CALL_GIVES("TimerFDCreate", 0, System::TimerFDCreate(-1, 0, kOwner), -22,
                       "[TimerFDCreate] timerfd_create() return -1: " + invalid);
-    EXPECT_CALL_GIVES(
-        "EPollCtlAdd", 1, System::EPollCtlAdd(e, a, &event), -17,
-        format("[EPollCtlAdd] epoll_ctl(%d, EPOLL_CTL_ADD, %d) return -1: err=-17(File exists)", e,
-               a));
-    EXPECT_CALL_GIVES(
-        "EPollCtlMod", 1, System::EPollCtlMod(e, o, &event), -2,
-        format("[EPollCtlMod] epoll_ctl(%d, EPOLL_CTL_MOD, %d) return -1: err=-2(", e, o) +
-            noEntry + ")");
-    EXPECT_CALL_GIVES(
-        "EPollCtlDel", 1, System::EPollCtlDel(e, o, nullptr), -2,
-        format("[EPollCtlDel] epoll_ctl(%d, EPOLL_CTL_DEL, %d) return -1: err=-2(", e, o) +
-            noEntry + ")");
+    const auto ctl = [&](const char* name, const char* op, int fd, const std::string& err) {
+        return format("[EPollCtl%s] epoll_ctl(%d, EPOLL_CTL_%s, %d) return -1: err=", name, e, op,
+                      fd) +
+               err;
+    };
+    EXPECT_CALL_GIVES("EPollCtlAdd", 1, System::EPollCtlAdd(e, a, &event), -17,
+                      ctl("Add", "ADD", a, "-17(File exists)"));
+    EXPECT_CALL_GIVES("EPollCtlMod", 1, System::EPollCtlMod(e, o, &event), -2,
+                      ctl("Mod", "MOD", o, "-2(" + noEntry + ")"));
+    EXPECT_CALL_GIVES("EPollCtlDel", 1, System::EPollCtlDel(e, o, nullptr), -2,
+                      ctl("Del", "DEL", o, "-2(" + noEntry + ")"));
     EXPECT_CALL_GIVES("EPollWait", 1, System::EPollWait(-1, ready, 4, 0), -9,
                       "[EPollWait] epoll_wait(-1, maxevents=4, timeout=0) return -1: " + badFd);
     EXPECT_CALL_GIVES("EPollWait", 1, System::EPollWait(e, ready, 4, 0), 0);
