@@ -52,7 +52,8 @@ constexpr mode_t kDeviceTypeBits = 0x2000;
 
 // Where the process's descriptors are listed, one symbolic link each.
 constexpr const char* kFdFolder = "/proc/self/fd";
-// Link buffer size when lstat gives no usable length (procfs reports none).
+// Link buffer size when lstat reports no length. procfs reports 64 for every descriptor
+// link, so the listing shows the first 64 bytes of a longer target.
 constexpr size_t kUnknownLinkSize = 4096;
 
 // Gives a newly created descriptor its owner's tag; failures pass through untouched.
