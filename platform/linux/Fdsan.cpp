@@ -221,17 +221,18 @@ int zelcam_fdsan_close_with_tag(int fd, uint64_t tag, int /*type*/) {
             reportError("fdsan: attempted to close fd %d with tag 0x%" PRIx64 " owned by 0x0", fd,
                         tag);
         }
-        return close(fd);
+        return libcCalls().close(fd);
     }
     // The entry is cleared before the close: once close() returns, the number may already
-    // belong to a new descriptor whose owner must not lose its tag.
+    // belong to a new descriptor whose owner must not lose its tag. The C library's close
+    // follows directly, since this library's own would only find the entry clear.
     uint64_t current = tag;
     if (!entry->compare_exchange_strong(current, 0)) {
         reportError("fdsan: attempted to close fd %d with tag 0x%" PRIx64 " owned by 0x%" PRIx64,
                     fd, tag, current);
         entry->store(0);
     }
-    return close(fd);
+    return libcCalls().close(fd);
 }
 
 // A close() without a tag: the same as closing with tag 0, so an owned descriptor meets
