@@ -5,8 +5,9 @@
 // the highest descriptor that was tagged.
 //
 // Tag layout: the descriptor kind `type` in the top byte (bits 56-63), the owner value in
-// the low 56 bits. 0 means "not owned"; any tag made by zelcam_fdsan_create_tag() with a
-// non-zero type is non-zero even for owner 0.
+// the low 56 bits. 0 means "not owned": owner value 0 makes tag 0, as on the device, so a
+// descriptor created with it carries no tag and closing with it is a plain close (which
+// still meets the reaction when the descriptor is owned by someone).
 //
 // The C library's close, dup2 and dup3 do not know the table either, so this library
 // defines all three in front of them: a program that has this library among its direct
@@ -194,6 +195,7 @@ extern "C" {
 
 uint64_t zelcam_fdsan_create_tag(unsigned long owner, int type) {
     using namespace tavrel::host;
+    if (owner == 0) return 0;
     return (static_cast<uint64_t>(type) & kTypeMask) << kTypeShift |
            (static_cast<uint64_t>(owner) & kOwnerMask);
 }

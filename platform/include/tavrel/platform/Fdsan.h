@@ -8,7 +8,7 @@
 
 extern "C" {
 
-// Builds the tag of `owner` for descriptors of kind `type`.
+// Builds the tag of `owner` for descriptors of kind `type`; owner 0 gives tag 0 (unowned).
 TAVREL_PLATFORM_API uint64_t zelcam_fdsan_create_tag(unsigned long owner, int type);
 
 // Sets the tag of `fd` to `newTag` if it currently is `expectedTag`; a mismatch is an
