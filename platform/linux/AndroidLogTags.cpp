@@ -1,7 +1,5 @@
-// logcat's filter rules on the host's Android log. Debian's liblog ignores ANDROID_LOG_TAGS,
-// but every Android-log line of the process (the debug print, android::LogPrinter, the
-// crash reporter, fdsan's reports, assertions) passes the one logger that liblog lets a
-// process install; the filter is that logger.
+// logcat's filter rules on the host's Android log. Debian's liblog ignores ANDROID_LOG_TAGS;
+// the layer's own Android-log logger (AndroidLogOutput.cpp) asks these rules about every line.
 #include "tavrel/platform/AndroidLogTags.h"
 
 #include <android/log.h>
@@ -15,6 +13,8 @@
 #include <shared_mutex>
 #include <string>
 #include <vector>
+
+#include "AndroidLogOutput.h"
 
 namespace tavrel::host {
 namespace {
@@ -30,9 +30,9 @@ struct Rule {
 };
 
 struct Filter {
-    std::shared_mutex lock;   // writers replace the rules
-    std::vector<Rule> rules;  // in the order given; the last one for a tag wins
-    int defaultPriority = 0;  // for tags no rule names
+    std::shared_mutex lock;                     // writers replace the rules
+    std::vector<Rule> rules;                    // in the order given; the last one for a tag wins
+    int defaultPriority = ANDROID_LOG_VERBOSE;  // for tags no rule names
 };
 
 // Never destroyed: threads may log while the process exits.
@@ -85,16 +85,6 @@ int thresholdOf(const Filter& f, const char* tag) {
     return named != f.rules.rend() ? named->priority : f.defaultPriority;
 }
 
-void filteringLogger(const __android_logger_data* data, const char* message) {
-    {
-        Filter& f = filter();
-        std::shared_lock<std::shared_mutex> guard(f.lock);
-        const int priority = std::max(data->priority, static_cast<int>(ANDROID_LOG_VERBOSE));
-        if (priority < thresholdOf(f, data->tag != nullptr ? data->tag : "")) return;
-    }
-    __android_log_stderr_logger(data, message);
-}
-
 // The variable's rules apply from the start, before other libraries' initialisers log.
 __attribute__((constructor(101))) void applyAndroidLogTags() {
     const char* tags = std::getenv(kAndroidLogTagsEnv);
@@ -102,6 +92,12 @@ __attribute__((constructor(101))) void applyAndroidLogTags() {
 }
 
 }  // namespace
+
+bool androidLogTagsShow(int priority, const char* tag) {
+    Filter& f = filter();
+    std::shared_lock<std::shared_mutex> guard(f.lock);
+    return std::max(priority, static_cast<int>(ANDROID_LOG_VERBOSE)) >= thresholdOf(f, tag);
+}
 
 void setAndroidLogTags(const char* tags) {
     const std::string text = tags != nullptr ? tags : "";
@@ -124,12 +120,9 @@ void setAndroidLogTags(const char* tags) {
         rules.push_back(std::move(rule));
     }
     Filter& f = filter();
-    {
-        std::unique_lock<std::shared_mutex> guard(f.lock);
-        f.rules = std::move(rules);
-        f.defaultPriority = defaultPriority;
-    }
-    __android_log_set_logger(text.empty() ? __android_log_stderr_logger : filteringLogger);
+    std::unique_lock<std::shared_mutex> guard(f.lock);
+    f.rules = std::move(rules);
+    f.defaultPriority = defaultPriority;
 }
 
 }  // namespace tavrel::host

@@ -101,27 +101,17 @@ Lines TraceCapture::markers() const {
 }
 
 Lines logEntries(const std::string& text) {
-    // "2024-01-02 03:04:05.123456 12 13 E tag: text" and "tag F 01-02 03:04:05  12  13 text"
-    static const std::regex host(R"(^[\d-]{10} [\d:.]{15} \d+ \d+ ([A-Z]) ([^:]*): (.*)$)"),
-        android(R"(^(\S+) ([A-Z]) [\d-]{5} [\d:]{8} +\d+ +\d+ (.*)$)");
+    // "2024-01-02 03:04:05.123456 12 13 E tag: text" (the unified logger's) and
+    // "01-02 03:04:05.123    12    13 F tag     : text" (logcat's threadtime, the Android log's)
+    static const std::regex line(
+        R"(^(?:[\d-]{10} [\d:.]{15}|[\d-]{5} [\d:.]{12}) +\d+ +\d+ ([A-Z]) (.*?) *: (.*)$)");
     Lines entries;
-    bool continues = false;  // only the Android log keeps a message's newlines
     std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
+    for (std::string entry; std::getline(in, entry);) {
         std::smatch m;
-        if (line.rfind("qemu: uncaught target signal", 0) == 0) continue;  // the emulator's own
-        if (std::regex_match(line, m, host)) {
-            entries.push_back(m.str(1) + " " + m.str(2) + ": " + m.str(3));
-            continues = false;
-        } else if (std::regex_match(line, m, android)) {
-            entries.push_back(m.str(2) + " " + m.str(1) + ": " + m.str(3));
-            continues = true;
-        } else if (continues) {
-            entries.back() += "\n" + line;
-        } else {
-            entries.push_back(line);
-        }
-        entries.back() = withoutLineNumbers(entries.back());
+        if (entry.rfind("qemu: uncaught target signal", 0) == 0) continue;  // the emulator's own
+        if (std::regex_match(entry, m, line)) entry = m.str(1) + " " + m.str(2) + ": " + m.str(3);
+        entries.push_back(withoutLineNumbers(entry));
     }
     return entries;
 }

@@ -108,7 +108,7 @@ struct StderrCapture {
 };
 
 // Log output read back: each Android-log or host-log line as "L tag: text" (L the level
-// letter, line numbers as N), continuation lines kept with their entry, others as they are.
+// letter, line numbers as N), other lines as they are.
 Lines logEntries(const std::string& text);
 
 // For death tests: the child's stderr holds exactly these entries.

@@ -1,6 +1,8 @@
 // The host platform layer: properties and what they set at load, the unified logger's
 // lines, debug print, the trace file, descriptor ownership, crash reports and thread control.
 
+#include <android/log.h>
+
 #include "common/Support.h"
 #include "tavrel/platform/AndroidLogTags.h"
 #include "tavrel/platform/CrashReporter.h"
@@ -86,6 +88,7 @@ TEST(FdsanDeathTest, AnyCloseOrDupOntoAnOwnedDescriptorMeetsTheReactionAtOnce) {
         {[](int fd) { zelcam_fdsan_close_with_tag(fd, kOwnerTag + 1, 1); },
          "close fd 901 with tag 0x100000000000abd" + owner},
         {[](int fd) { ::close(fd); }, "close fd 901 with tag 0x0" + owner},
+        {[](int fd) { System::Close(fd, 0); }, "close fd 901 with tag 0x0" + owner},
         {[](int fd) { ::dup2(STDIN_FILENO, fd); }, "dup2 onto fd 901 but it is" + owner},
         {[](int fd) { ::dup3(STDIN_FILENO, fd, 0); }, "dup3 onto fd 901 but it is" + owner}};
     for (const auto& [call, report] : rows) {
@@ -98,11 +101,19 @@ TEST(FdsanDeathTest, AnyCloseOrDupOntoAnOwnedDescriptorMeetsTheReactionAtOnce) {
 // the descriptor.
 TEST(Fdsan, ClosesGoOnForTheOwnerAndUnderTheMilderReactions) {
     EXPECT_EQ(zelcam_fdsan_close_with_tag(ownedFd(), kOwnerTag, 1), 0);
+    // Owner 0 means unowned, as on the device: its descriptors carry no tag.
+    const int unowned = System::EventFD(0, EFD_CLOEXEC, 0);
+    EXPECT_EQ(host::fdsanGetTag(unowned), 0u);
+    EXPECT_EQ(System::Close(unowned, 0), 0);
     for (const auto reaction : {host::FdsanReaction::kWarnOnce, host::FdsanReaction::kOff}) {
         host::setFdsanReaction(reaction);
         const StderrCapture err;
         EXPECT_EQ(::close(ownedFd()), 0);
-        EXPECT_EQ(err.text().substr(0, 8), reaction == host::FdsanReaction::kOff ? "" : "fdsan W ");
+        EXPECT_EQ(logEntries(err.text()),
+                  reaction == host::FdsanReaction::kOff
+                      ? Lines{}
+                      : Lines{"W fdsan: fdsan: attempted to close fd 901 with tag 0x0 owned by "
+                              "0x100000000000abc"});
         EXPECT_EQ(host::fdsanGetTag(kOwnedFd), 0u);
         EXPECT_EQ(::fcntl(kOwnedFd, F_GETFD), -1);
     }
@@ -126,28 +137,41 @@ TEST(CrashReporterDeathTest, ReportsGoToTheAndroidLogAndNumberedFilesAndTheServi
                 testing::ExitedWithCode(70), entriesAre({"buffered"}));
 }
 
-// A line of tag "a" or "b" at one debug level under each filter expression, and the
-// start of what stderr shows.
+// A line of tag "a" or "b" at one debug level under each filter expression, and what
+// stderr shows.
 TEST(HostAndroidLogTest, AndroidLogTagsFilterWithLogcatRules) {
     const char* const badRule =
         "tavrel-log: ANDROID_LOG_TAGS rule 'x:Q' left out (expected tag:level or *:level, with "
-        "a level of V, D, I, W, E, F or S)\n";
+        "a level of V, D, I, W, E, F or S)";
     const std::tuple<const char*, const char*, cam_debug_level_t, const char*> rows[] = {
-        {"", "a", CAM_DEBUG_INFO, "a I "},          {"a:W *:S", "a", CAM_DEBUG_WARNING, "a W "},
-        {"a:W *:S", "a", CAM_DEBUG_INFO, ""},       {"a:W *:S", "b", CAM_DEBUG_ERROR, ""},
-        {"*:E", "b", CAM_DEBUG_ERROR, "b E "},      {"*:w", "b", CAM_DEBUG_INFO, ""},
-        {"a *:S", "a", CAM_DEBUG_INFO, "a I "},     {"a:i,a:e", "a", CAM_DEBUG_WARNING, ""},
-        {"b:S\ta:E", "a", CAM_DEBUG_ERROR, "a E "}, {"x:Q *:S", "a", CAM_DEBUG_ERROR, badRule},
+        {"", "a", CAM_DEBUG_INFO, "I a: line"},
+        {"a:W *:S", "a", CAM_DEBUG_WARNING, "W a: line"},
+        {"a:W *:S", "a", CAM_DEBUG_INFO, nullptr},
+        {"a:W *:S", "b", CAM_DEBUG_ERROR, nullptr},
+        {"*:E", "b", CAM_DEBUG_ERROR, "E b: line"},
+        {"*:w", "b", CAM_DEBUG_INFO, nullptr},
+        {"a *:S", "a", CAM_DEBUG_INFO, "I a: line"},
+        {"a:i,a:e", "a", CAM_DEBUG_WARNING, nullptr},
+        {"b:S\ta:E", "a", CAM_DEBUG_ERROR, "E a: line"},
+        {"x:Q *:S", "a", CAM_DEBUG_ERROR, badRule},
     };
     for (const auto& [tags, tag, level, said] : rows) {
         const StderrCapture err;
         host::setAndroidLogTags(tags);
         log_dbg_print(tag, level, "line");
-        const std::string text = err.text();
-        EXPECT_EQ(text.substr(0, std::strlen(said)), said) << tags;
-        EXPECT_EQ(text.empty(), *said == 0) << tags;
+        EXPECT_EQ(logEntries(err.text()), said != nullptr ? Lines{said} : Lines{}) << tags;
     }
     host::setAndroidLogTags(nullptr);
+}
+
+// As `logcat -v threadtime` prints it, each line of a message with its own header.
+TEST(HostAndroidLogTest, LinesAreLogcatThreadtime) {
+    const StderrCapture err;
+    __android_log_write(ANDROID_LOG_WARN, "tag", "one\ntwo\n");
+    const std::string header = format(
+        "[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} %5d %5d W tag     : ", getpid(),
+        gettid());
+    EXPECT_THAT(err.text(), MatchesRegex(header + "one\n" + header + "two\n"));
 }
 
 // Each mistake is said once, when first set or read; an empty value is no mistake. The

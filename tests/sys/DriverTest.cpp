@@ -22,11 +22,11 @@ struct Answer {
     int allocated = -1;                    // stored through the argument when not -1
 } sAnswer;
 
-std::string report(const char* request, int err) {
-    return format(
-        "F tavrel-crash: varnok: %s err=%d(%s) Please check "
-        "VarnokKernel.\nCRDISPATCH_KEY:VarnokKernel",
-        request, -err, strerror(err));
+// A request's crash report: a message of two lines, each with its own header in the log.
+Lines report(const char* request, int err) {
+    return {format("F tavrel-crash: varnok: %s err=%d(%s) Please check VarnokKernel.", request,
+                   -err, strerror(err)),
+            "F tavrel-crash: CRDISPATCH_KEY:VarnokKernel"};
 }
 
 // Runs `call` with only trace category `bit` on (all of them for -1), markers on stderr.
@@ -73,8 +73,9 @@ TEST(DriverDeathTest, EveryFailedRequestIsLoggedReportedAndEndsTheService) {
             row.section != nullptr ? Lines{std::string("trace B|") + row.section} : Lines{};
         EXPECT_EXIT(
             traced(row.bit, row.call), testing::ExitedWithCode(70),
-            entriesAre(trace + Lines{"E tavrel-syscall: " + format(row.line, n, strerror(row.err)),
-                                     report(row.request, row.err)}));
+            entriesAre(trace +
+                       Lines{"E tavrel-syscall: " + format(row.line, n, strerror(row.err))} +
+                       report(row.request, row.err)));
     }
 }
 
@@ -158,7 +159,7 @@ TEST(DurationCheck, MeasuredOnlyWithVerboseDetailsAtLoadAndNoCameraLogLevelBelow
                 failed = both("E", "QueueVideoNodeBuf",
                               "ioctl(100, VIDIOC_QBUF): -5(" + std::string(strerror(EIO)) + ")",
                               " (QueueVideoNodeBuf){#N:src/utils/sys/SystemCall}") +
-                         Lines{report("VIDIOC_QBUF", EIO)};
+                         report("VIDIOC_QBUF", EIO);
     // Details level, then camera log level (empty: unset), then whether requests are timed.
     // clang-format off
     for (const auto& [details, level, measured] : {std::make_tuple("4", "", true), {"3", "", false},

@@ -131,8 +131,9 @@ TEST_F(Vivid, QueueingAnEmptyRequestIsReportedAndEndsTheServiceWith70) {
                            "MEDIA_REQUEST_IOC_QUEUE): err=-2(%s)",
                            request, strerror(ENOENT)),
                     format("F tavrel-crash: varnok: MEDIA_REQUEST_IOC_QUEUE err=-2(%s) Please "
-                           "check VarnokKernel.\nCRDISPATCH_KEY:VarnokKernel",
-                           strerror(ENOENT))}));
+                           "check VarnokKernel.",
+                           strerror(ENOENT)),
+                    "F tavrel-crash: CRDISPATCH_KEY:VarnokKernel"}));
     EXPECT_EQ(System::Close(request, kOwner), 0);
 }
 

@@ -13,9 +13,10 @@ inline constexpr const char* kAndroidLogTagsEnv = "ANDROID_LOG_TAGS";
 // logcat's filter expression: rules apart by blanks or commas, each "tag:level" or "tag"
 // (every level of that tag), "*:level" or "*" (debug and above) for the tags no rule
 // names; the last rule for a tag wins; levels V D I W E F S (S shows nothing), in either
-// case. A malformed rule is said on stderr and left out. The filter is a liblog logger
-// in front of liblog's own stderr output; null or an empty text puts that output back
-// without a filter. A program that installs a liblog logger of its own replaces it.
+// case. A malformed rule is said on stderr and left out. Null or an empty text shows every
+// line. The filter is applied by the layer's liblog logger, which writes the lines shown to
+// stderr in logcat's threadtime format; a program that installs a liblog logger of its own
+// replaces both.
 TAVREL_PLATFORM_API void setAndroidLogTags(const char* tags);
 
 }  // namespace tavrel::host
