@@ -25,8 +25,8 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/TavrelSysConfig.cmake
 
 # The .pc file finds its prefix from its own folder, so that the installed tree can be
 # moved or installed with a different --prefix than the one configured. It carries no
-# runpath (the program decides where its libraries are found) and asks for C++17 in
-# Cflags, the only place pkg-config has for what the headers need.
+# runpath (the program decides where its libraries are found) and no -std flag: the
+# program's own standard stands, and the headers refuse one older than C++17.
 file(RELATIVE_PATH TAVREL_PC_PREFIX_FROM_PCFILEDIR "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig"
   "/prefix")
 string(REGEX REPLACE "/$" "" TAVREL_PC_PREFIX_FROM_PCFILEDIR "${TAVREL_PC_PREFIX_FROM_PCFILEDIR}")

@@ -4,11 +4,23 @@
 # empty when native).
 cmake_minimum_required(VERSION 3.25)
 
-# The README's example prints the monitor's two state lines and what it saw.
-set(kReadmeOutput "^P2DrvEP-readme: logv:0 { P2DrvEP-readme \\.mEpollFd=[0-9]+ \\.mEventFd=[0-9]+ }
+# The README's examples, in order: the monitor prints its two state lines and what it saw;
+# the Timer its state line and how often it expired.
+set(kReadmeOutputs
+  "^P2DrvEP-readme: logv:0 { P2DrvEP-readme \\.mEpollFd=[0-9]+ \\.mEventFd=[0-9]+ }
     { #attach=1 #detach=0 \\.mActive=1 \\.mFdObserverMap={ attach=\\[ \\([0-9]+, 0x[0-9a-f]+\\) \\] } }
 signals seen: 1
+$"
+  "^{ Timer-tick \\.fd=[0-9]+ \\.event=80000001 }
+expiries: 5
 $")
+
+# A program that includes the headers at a newer standard than the package's minimum: the
+# package must leave the program's standard as it is.
+set(kStandardProbe "#include <tavrel/Timer.h>
+static_assert(__cplusplus >= 202002L, \"the package lowered the program's standard\");
+")
+set(kOldStandardRefusal "tavrel-sys headers need C\\+\\+17 or newer")
 
 # Runs a command and stops the test with its output when it fails.
 function(run)
@@ -23,11 +35,14 @@ endfunction()
 # A cross-built consumer runs through the emulator: the host cannot execute it directly.
 separate_arguments(emulator UNIX_COMMAND "${EMULATOR}")
 
-function(expect_output readme)
-  run(${emulator} ${readme})
-  if(NOT RUN_OUTPUT MATCHES "${kReadmeOutput}")
-    message(FATAL_ERROR "${readme} printed:\n${RUN_OUTPUT}\nexpected:\n${kReadmeOutput}")
-  endif()
+# Runs each README program given and checks its output against kReadmeOutputs, in order.
+function(expect_outputs)
+  foreach(program expected IN ZIP_LISTS ARGN kReadmeOutputs)
+    run(${emulator} ${program})
+    if(NOT RUN_OUTPUT MATCHES "${expected}")
+      message(FATAL_ERROR "${program} printed:\n${RUN_OUTPUT}\nexpected:\n${expected}")
+    endif()
+  endforeach()
 endfunction()
 
 # Install, then move the tree: everything below must work from where it was moved to.
@@ -76,15 +91,29 @@ if(NOT exported STREQUAL expected)
   message(FATAL_ERROR "exported but not listed:\n  ${extra}\nlisted but not exported:\n  ${missing}")
 endif()
 
-# The README's example, as the README shows it.
+# The README's examples, as the README shows them: every ```cpp block, in order.
 file(READ ${SOURCE_DIR}/README.md readme)
+set(readmePrograms "")
 string(FIND "${readme}" "```cpp\n" start)
-string(SUBSTRING "${readme}" ${start} -1 readme)
-string(REGEX REPLACE "^```cpp\n" "" readme "${readme}")
-string(FIND "${readme}" "\n```" end)
-string(SUBSTRING "${readme}" 0 ${end} readme)
-set(readmeProgram ${WORK_DIR}/readme.cpp)
-file(WRITE ${readmeProgram} "${readme}\n")
+while(NOT start EQUAL -1)
+  string(SUBSTRING "${readme}" ${start} -1 readme)
+  string(REGEX REPLACE "^```cpp\n" "" readme "${readme}")
+  string(FIND "${readme}" "\n```" end)
+  string(SUBSTRING "${readme}" 0 ${end} program)
+  list(LENGTH readmePrograms count)
+  set(file ${WORK_DIR}/readme-${count}.cpp)
+  file(WRITE ${file} "${program}\n")
+  list(APPEND readmePrograms ${file})
+  string(SUBSTRING "${readme}" ${end} -1 readme)
+  string(FIND "${readme}" "```cpp\n" start)
+endwhile()
+list(LENGTH readmePrograms count)
+list(LENGTH kReadmeOutputs expectedCount)
+if(NOT count EQUAL expectedCount)
+  message(FATAL_ERROR "README.md has ${count} C++ examples; the test knows ${expectedCount}")
+endif()
+set(standardProbe ${WORK_DIR}/standard-probe.cpp)
+file(WRITE ${standardProbe} "${kStandardProbe}")
 
 set(flags "${CXX_FLAGS} -Wall -Wextra -Werror")
 set(linkFlags "${LINK_FLAGS}")
@@ -93,30 +122,51 @@ if(USE_LIBCXX)
   string(APPEND linkFlags " -stdlib=libc++")
 endif()
 
-# Through the CMake package, for the same target as the build tree.
+# Through the CMake package, for the same target as the build tree. The programs go as one
+# argument, apart by '|': a list would be cut into arguments on its way.
 set(toolchain "")
 if(TOOLCHAIN_FILE)
   set(toolchain -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN_FILE})
 endif()
+string(REPLACE ";" "|" programsAsWords "${readmePrograms}")
 run(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/cmake-consumer -G ${GENERATOR}
   ${toolchain} -DCMAKE_CXX_COMPILER=${CXX} "-DCMAKE_CXX_FLAGS=${flags}"
   "-DCMAKE_EXE_LINKER_FLAGS=${linkFlags}" -DCMAKE_PREFIX_PATH=${prefix}
-  -DREADME_PROGRAM=${readmeProgram})
+  "-DREADME_PROGRAMS=${programsAsWords}" -DSTANDARD_PROBE=${standardProbe})
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-consumer)
-expect_output(${WORK_DIR}/cmake-consumer/tavrel_readme)
+set(built "")
+foreach(program IN LISTS readmePrograms)
+  get_filename_component(name ${program} NAME_WE)
+  list(APPEND built ${WORK_DIR}/cmake-consumer/${name})
+endforeach()
+expect_outputs(${built})
 
-# Through pkg-config, with the compiler alone. The .pc file names no runpath; the program
-# gives its own.
+# Through pkg-config, with the compiler alone and the program's own standard. The .pc file
+# names no runpath and no standard; the program gives both.
 file(GLOB_RECURSE pcFile ${prefix}/*/tavrel-sys.pc)
 get_filename_component(pcDir "${pcFile}" DIRECTORY)
 run(${CMAKE_COMMAND} -E env PKG_CONFIG_PATH=${pcDir} ${PKG_CONFIG} --cflags --libs tavrel-sys)
-if(RUN_OUTPUT MATCHES "rpath")
-  message(FATAL_ERROR "tavrel-sys.pc gives a runpath: ${RUN_OUTPUT}")
+if(RUN_OUTPUT MATCHES "rpath|-std=")
+  message(FATAL_ERROR "tavrel-sys.pc gives a runpath or a standard: ${RUN_OUTPUT}")
 endif()
 separate_arguments(pcFlags UNIX_COMMAND "${RUN_OUTPUT}")
+run(${CMAKE_COMMAND} -E env PKG_CONFIG_PATH=${pcDir} ${PKG_CONFIG} --cflags tavrel-sys)
+separate_arguments(pcCflags UNIX_COMMAND "${RUN_OUTPUT}")
 separate_arguments(compileFlags UNIX_COMMAND "${flags}")
 separate_arguments(linkerFlags UNIX_COMMAND "${linkFlags}")
 get_filename_component(libDir "${pcDir}" DIRECTORY)
-run(${CXX} ${compileFlags} ${readmeProgram} ${pcFlags} ${linkerFlags} -Wl,-rpath,${libDir}
-  -o ${WORK_DIR}/pkg-config-readme)
-expect_output(${WORK_DIR}/pkg-config-readme)
+set(built "")
+foreach(program IN LISTS readmePrograms)
+  get_filename_component(name ${program} NAME_WE)
+  run(${CXX} -std=c++17 ${compileFlags} ${program} ${pcFlags} ${linkerFlags}
+    -Wl,-rpath,${libDir} -o ${WORK_DIR}/pkg-config-${name})
+  list(APPEND built ${WORK_DIR}/pkg-config-${name})
+endforeach()
+expect_outputs(${built})
+run(${CXX} -std=c++20 ${compileFlags} -fsyntax-only ${standardProbe} ${pcCflags})
+# An older standard is refused by the headers, in words that say why.
+execute_process(COMMAND ${CXX} -std=c++14 ${compileFlags} -fsyntax-only ${standardProbe}
+  ${pcCflags} RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE out)
+if(result EQUAL 0 OR NOT out MATCHES "${kOldStandardRefusal}")
+  message(FATAL_ERROR "C++14 was not refused as it should be (${result}):\n${out}")
+endif()

@@ -2,4 +2,10 @@
 // visibility, so everything else in it stays internal and can change freely.
 #pragma once
 
+// The headers use C++17 (inline variables, nested namespaces); an older
+// standard would fail later with errors that name none of this.
+#if __cplusplus < 201703L
+#error "tavrel-sys headers need C++17 or newer: compile with -std=c++17 (or a later standard)"
+#endif
+
 #define TAVREL_PLATFORM_API __attribute__((visibility("default")))

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "tavrel/platform/Export.h"
+
 namespace tavrel::host {
 
 class UniqueFd {
