@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/setup.sh --build-only
-cmake --preset default -DTAVREL_VM_TEST=OFF >/dev/null
+cmake --preset default >/dev/null
 cmake --build --preset default --target tavrel-timerlat
 [[ ${1:-} == -- ]] && shift
 exec build/default/tools/timerlat/tavrel-timerlat "$@"
