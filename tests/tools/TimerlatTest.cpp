@@ -1,4 +1,5 @@
 // tavrel-timerlat: its command lines, its reports, and the program run as a user runs it.
+#include <deque>
 #include <iterator>
 
 #include "Report.h"
@@ -13,42 +14,48 @@ std::vector<std::string> wordsOf(const Options& p) {
     s << "t=" << p.timers << " i=" << p.intervalUs << " d=" << p.distanceUs << " l=" << p.loops
       << " D=" << p.durationSec << " c=" << p.clockName << " sched=" << p.schedGiven << "/"
       << policyName(p.policy) << "/" << p.priority << " a=" << p.cpus << " m=" << p.lockMemory
-      << p.holdDmaLatency << " H=" << p.histogramUs << "/" << p.histogramFile
-      << " json=" << p.jsonFile << " T=" << p.traceFile << "/" << p.traceAppend;
+      << p.holdDmaLatency << " h=" << p.histogramUs << "/" << p.histogramFile
+      << " json=" << p.jsonFile << " T=" << p.traceFile << "/" << p.traceAppend << " q=" << p.quiet;
     std::istringstream words(s.str());
     return {std::istream_iterator<std::string>(words), {}};
 }
 
-// Arguments, and the settings they change or "error: " and why.
+// Arguments, and the settings they change, "help", or "error: " and why. Rows run in turn:
+// the one after a parse that stopped inside a bundle starts afresh.
 const std::pair<const char*, const char*> kCommandLines[] = {
     {"-D 1m -c BootTime", "D=60 c=boottime"},
     {"-D 1.5h -l 9 -i 50", "i=50 l=9 D=5400"},
     {"-D 2d", "error: bad value for --duration: 2d"},
+    {"-t 5 -Zq", "error: unknown option -Z"},
     {"-p 80", "sched=1/fifo/80"},
     {"-p -5 --policy BATCH", "sched=1/batch/-5"},
     {"--policy rr", "error: --policy rr needs -p 1 to 99"},
     {"--policy other -p 20", "error: priority 20 is out of range for other (-20 to 19)"},
     {"-t 3 -d 500 -a 0-1,3 -m --laptop", "t=3 d=500 a=0-1,3 m=10"},
     {"-t 1024 -d 58652", "error: the last timer's interval (-i + (-t - 1) * -d) is over 60 s"},
-    {"-H 99 --histfile h --json j -T t --trace-append", "H=99/h json=j T=t/1"},
-    {"--histfile h", "error: --histfile needs -H"},
+    {"-h 99 --histfile h --json j -T t --trace-append", "h=99/h json=j T=t/1"},
+    {"--histfile h", "error: --histfile needs -h"},
+    {"-q --help", "help"},
+    {"-m -l", "error: missing argument for -l"},
 };
 
 TEST(TimerlatTest, CommandLines) {
     Options defaults;
     defaults.durationSec = kDefaultDurationSec;
+    std::deque<std::string> words;  // alive to the end, as a program's arguments are
     for (const auto& [arguments, expected] : kCommandLines) {
         std::istringstream in(std::string("tavrel-timerlat ") + arguments);
-        std::vector<std::string> words{std::istream_iterator<std::string>(in), {}};
         std::vector<char*> argv;
-        for (std::string& word : words) argv.push_back(word.data());
+        for (std::string word; in >> word;) argv.push_back(words.emplace_back(word).data());
         Options o;
         std::string text;
-        const bool ok = parseOptions(argv.size(), argv.data(), &o, &text) == ParseResult::kRun;
+        const ParseResult result = parseOptions(argv.size(), argv.data(), &o, &text);
         const std::vector<std::string> got = wordsOf(o), base = wordsOf(defaults);
-        for (size_t i = 0; ok && i < got.size(); ++i)
+        for (size_t i = 0; result == ParseResult::kRun && i < got.size(); ++i)
             if (got[i] != base[i]) text += (text.empty() ? "" : " ") + got[i];
-        EXPECT_EQ(ok ? text : "error: " + text, expected) << arguments;
+        if (result == ParseResult::kHelp) text = "help";
+        EXPECT_EQ(result == ParseResult::kBadUsage ? "error: " + text : text, expected)
+            << arguments;
     }
 }
 

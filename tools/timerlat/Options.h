@@ -29,7 +29,7 @@ struct Options {
     std::string traceFile;                // trace output file; empty: tracing stays off
     bool traceAppend = false;             // append to the trace file instead of replacing it
     std::string jsonFile;                 // summary and per-timer figures; empty: none
-    int64_t histogramUs = 0;              // 1 us buckets of the histogram dump; 0: none
+    int64_t histogramUs = 0;              // 1 us buckets of the histogram (-h); 0: none
     std::string histogramFile;            // where the histogram goes; empty: stdout
     bool quiet = false;                   // no live progress line
 };
