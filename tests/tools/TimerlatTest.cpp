@@ -1,6 +1,7 @@
 // tavrel-timerlat: its command lines, its reports, and the program run as a user runs it.
 #include <deque>
 #include <iterator>
+#include <tuple>
 
 #include "Report.h"
 #include "common/Support.h"
@@ -60,32 +61,43 @@ TEST(TimerlatTest, CommandLines) {
 }
 
 // Texts in the report, the 3-bucket histogram and the JSON (runs of blanks as one), with the
-// monitor thread seen at fifo 80 and memory locked when there are samples.
-const std::pair<std::vector<TimerResult>, std::vector<const char*>> kReports[] = {
-    {{{"0", 1000, {}, {}, 0}},
+// monitor thread seen at fifo 80 on the CPUs given and memory locked when there are samples.
+const std::tuple<const char*, std::vector<TimerResult>, std::vector<const char*>> kReports[] = {
+    {"",
+     {{"0", 1000, {}, {}, 0}},
      {"clock monotonic policy ? priority ? cpus ? (no callback ran) memory not locked dma",
-      "\n0 0 no samples\nall 0 no samples\n", "\"all\": {\"count\": 0, \"min_us\": null,"}},
-    {{{"0", 200000, {12000, 250000, 30000}, {1000, 3000}, 4},
+      "\n0 0 no samples\nall 0 no samples\n", "\"all\": {\"count\": 0, \"min_us\": null,",
+      "\"cycles\": 0, \"min\": 0, \"max\": 0, \"avg\": 0.00, \"cpu\": -1, \"node\": -1,\n"}},
+    {"0-1",
+     {{"0", 200000, {12000, 250000, 30000}, {1000, 3000}, 4},
       {"1", 300000, {250000, -22500}, {}, 1}},
      {"clock monotonic policy fifo priority 80 cpus 0-1 memory locked dma latency 0 us held\n",
       "\n0 3 12.0 97.3 30.0 250.0 250.0 1 4 2.00\n1 2 -22.5 113.8 -22.5 250.0 250.0 0 1 0.00\n",
       "\nall 5 -22.5 103.9 30.0 250.0 250.0 1 5 2.00\n", "warning: 1 callbacks ran before",
-      "\"p99_us\": 250.000, \"max_us\": 250.000, \"overruns\": 1, \"missed\": 4, \"slip_avg_us\""}},
-    {{{"0", 1000, {2100}, {}, 0}, {"1", 1000, {500, 1500, 1999, 5000, 6000, 7000, 8000}, {}, 0}},
-     {"# Histogram\n000000 000000\t000001\n000001 000000\t000002\n000002 000001\t000000\n"
+      "{\n \"num_threads\": 2,\n \"resolution_in_ns\": 0,\n \"thread\": {\n \"0\": {\"histogram\": "
+      "{}, \"cycles\": 3, \"min\": 12, \"max\": 250, \"avg\": 97.33, \"cpu\": -1, \"node\": -1,\n",
+      "\"p99_us\": 250.000, \"max_us\": 250.000, \"overruns\": 1, \"missed\": 4, \"slip_avg_us\"",
+      "{\"0\": 1}, \"cycles\": 2, \"min\": 0, \"max\": 250, \"avg\": 113.75,"}},
+    {"1",
+     {{"0", 1000, {2100}, {}, 0}, {"1", 1000, {500, 1500, 1999, 5000, 6000, 7000, 8000}, {}, 0}},
+     {"{\"2\": 1}, \"cycles\": 1, \"min\": 2, \"max\": 2, \"avg\": 2.10, \"cpu\": 1,",
+      "\"histogram\": {\"0\": 1, \"1\": 2}, \"cycles\": 7, \"min\": 0, \"max\": 8, \"avg\": 4.29,",
+      "# Histogram\n000000 000000\t000001\n000001 000000\t000002\n000002 000001\t000000\n"
       "# Total: 000000001 000000003\n# Min Latencies: 00002 00000\n# Avg Latencies: 00002 "
       "00004\n# Max Latencies: 00002 00008\n# Histogram Overflows: 00000 00004\n# Histogram "
       "Overflow at cycle number:\n# Thread 0:\n# Thread 1: 00003 00004 00005 # 00001 others\n"}},
 };
 
 TEST(TimerlatTest, Reports) {
-    for (const auto& [timers, texts] : kReports) {
+    Options options;
+    options.histogramUs = 3;
+    for (const auto& [cpus, timers, texts] : kReports) {
         const bool seen = !timers[0].latencies.empty();
-        const RunFacts facts{{seen, kFifo, 80, seen ? "0-1" : ""}, seen, "0 us held", 2.0};
+        const RunFacts facts{{seen, kFifo, 80, cpus}, seen, "0 us held", 2.0};
         std::ostringstream out;
-        printReport(out, Options{}, facts, timers);
-        printCyclicHistogram(out, 3, timers);
-        printJson(out, Options{}, facts, timers);
+        printReport(out, options, facts, timers);
+        printCyclicHistogram(out, options.histogramUs, timers);
+        printJson(out, options, facts, timers);
         const std::string text = std::regex_replace(out.str(), std::regex(" +"), " ");
         for (const char* want : texts) EXPECT_NE(text.find(want), std::string::npos) << text;
     }

@@ -28,7 +28,7 @@ struct Options {
     bool holdDmaLatency = true;           // hold /dev/cpu_dma_latency at 0 while running
     std::string traceFile;                // trace output file; empty: tracing stays off
     bool traceAppend = false;             // append to the trace file instead of replacing it
-    std::string jsonFile;                 // summary and per-timer figures; empty: none
+    std::string jsonFile;                 // the results as cyclictest's JSON; empty: none
     int64_t histogramUs = 0;              // 1 us buckets of the histogram (-h); 0: none
     std::string histogramFile;            // where the histogram goes; empty: stdout
     bool quiet = false;                   // no live progress line
