@@ -111,16 +111,18 @@ std::pair<int, std::string> run(const std::string& command) {
 }
 
 // Two runs into one trace file (the second replaces it: one header, a counter value per
-// callback of Timer-0), then a real-time priority, which needs CAP_SYS_NICE or
-// RLIMIT_RTPRIO: this process finds out first whether it has them, and so the program.
+// callback of Timer-0), the monitor thread without -p at SCHED_OTHER and the nice value the
+// program started with (this process's), as cyclictest's; then a real-time priority, which
+// needs CAP_SYS_NICE or RLIMIT_RTPRIO: this process finds out first whether it has them, and
+// so the program.
 TEST(TimerlatTest, Runs) {
     const auto [status, output] =
         run("d=$(mktemp -d) && %T -l 3 -q -T $d/t >/dev/null && %T -t 2 -i 2000 -d 500 -l 20 -q -c "
             "BootTime -T $d/t 2>&1 && grep -c -e '# tracer: nop' -e '|Timer-0|' $d/t; s=$?; rm -r "
             "$d; exit $s");
-    const std::regex report(
-        "clock boottime policy other nice 6 cpus \\S+ memory not locked dma latency .*\ntimers 2 "
-        "interval 2000 us distance 500 us .*\n.*\n0 20 .*\n1 20 .*\nall 40 [\\s\\S]*\n21\n$");
+    const std::regex report("clock boottime policy other nice " + std::to_string(nice(0)) +
+                            " cpus \\S+ memory not locked dma latency .*\ntimers 2 interval 2000 "
+                            "us distance 500 us .*\n.*\n0 20 .*\n1 20 .*\nall 40 [\\s\\S]*\n21\n$");
     EXPECT_TRUE(status == 0 && std::regex_search(output, report)) << output;
     int refused = 0;
     std::thread([&] { refused = NSCam::Thread::setThreadPriority(gettid(), 99, kFifo); }).join();

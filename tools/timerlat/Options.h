@@ -20,7 +20,7 @@ struct Options {
     double durationSec = 0;               // run time before stopping; 0: no limit
     clockid_t clock = CLOCK_MONOTONIC;    // clock the timers run on
     std::string clockName = "monotonic";  // the clock's name in lower case, for the report
-    bool schedGiven = false;              // false: the monitor applies its own default
+    bool schedGiven = false;              // false: other at the nice value started with
     int32_t policy = kOther;              // with schedGiven, applied by the thread driver
     int32_t priority = 0;                 // real-time priority (fifo, rr) or nice value
     std::string cpus;                     // CPU list for the monitor thread; empty: unchanged
