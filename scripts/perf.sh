@@ -188,8 +188,8 @@ for schedule in "${schedules[@]}"; do
       program=${programs[(run + k - 1) % ${#programs[@]}]}
       base="$out/timer/$program-$schedule-$run"
       case $program in
-        timer) "$timerlat" "${ours[@]}" "${common[@]}" -H 20000 --histfile "$base.hist" >"$base.txt" ;;
-        raw) "$raw_timerlat" "${ours[@]}" "${common[@]}" -H 20000 --histfile "$base.hist" >"$base.txt" ;;
+        timer) "$timerlat" "${ours[@]}" "${common[@]}" -h 20000 --histfile "$base.hist" >"$base.txt" ;;
+        raw) "$raw_timerlat" "${ours[@]}" "${common[@]}" -h 20000 --histfile "$base.hist" >"$base.txt" ;;
         cyclictest) cyclictest "${theirs[@]}" "${common[@]}" -h 20000 >"$base.hist" 2>"$base.txt" ;;
       esac || { echo "perf: $program failed (exit $?)" >&2; rm -f "$base.hist"; }
     done

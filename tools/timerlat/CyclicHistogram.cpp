@@ -11,11 +11,6 @@ namespace {
 
 constexpr int64_t kNsPerUs = 1000;
 
-// Whole microseconds, as cyclictest counts them; the clock going backwards counts as 0.
-int64_t wholeUs(int64_t ns) {
-    return std::max<int64_t>(ns, 0) / kNsPerUs;
-}
-
 std::string field(const char* format, long long value) {
     char text[32];
     std::snprintf(text, sizeof(text), format, value);
@@ -33,14 +28,22 @@ void printLine(std::ostream& out, const char* label, const std::vector<TimerResu
 
 }  // namespace
 
+int64_t wholeUs(int64_t ns) {
+    return std::max<int64_t>(ns, 0) / kNsPerUs;
+}
+
+std::vector<int64_t> cyclicBuckets(const TimerResult& timer, int64_t bucketsUs) {
+    std::vector<int64_t> counts(bucketsUs);
+    for (int64_t ns : timer.latencies) {
+        if (wholeUs(ns) < bucketsUs) ++counts[wholeUs(ns)];
+    }
+    return counts;
+}
+
 void printCyclicHistogram(std::ostream& out, int64_t bucketsUs,
                           const std::vector<TimerResult>& timers) {
-    std::vector<std::vector<int64_t>> counts(timers.size(), std::vector<int64_t>(bucketsUs));
-    for (size_t t = 0; t < timers.size(); ++t) {
-        for (int64_t ns : timers[t].latencies) {
-            if (wholeUs(ns) < bucketsUs) ++counts[t][wholeUs(ns)];
-        }
-    }
+    std::vector<std::vector<int64_t>> counts;
+    for (const TimerResult& timer : timers) counts.push_back(cyclicBuckets(timer, bucketsUs));
     out << "# Histogram\n";
     for (int64_t us = 0; us < bucketsUs; ++us) {
         out << field("%06lld", us);

@@ -30,9 +30,11 @@ enum LongOnly : int {
     kTraceAppendOption,
     kJsonOption,
     kHistfileOption,
+    kHelpOption,
 };
 
-constexpr const char* kShortOptions = "t:i:d:l:D:c:p:a:mH:T:qh";
+// The leading colon tells a missing argument (':') from an unknown option ('?').
+constexpr const char* kShortOptions = ":t:i:d:l:D:c:p:a:mh:T:q";
 const option kLongOptions[] = {
     {"timers", required_argument, nullptr, 't'},
     {"interval", required_argument, nullptr, 'i'},
@@ -45,13 +47,13 @@ const option kLongOptions[] = {
     {"affinity", required_argument, nullptr, 'a'},
     {"mlockall", no_argument, nullptr, 'm'},
     {"laptop", no_argument, nullptr, kLaptopOption},
-    {"histogram", required_argument, nullptr, 'H'},
+    {"histogram", required_argument, nullptr, 'h'},
     {"histfile", required_argument, nullptr, kHistfileOption},
     {"json", required_argument, nullptr, kJsonOption},
     {"trace", required_argument, nullptr, 'T'},
     {"trace-append", no_argument, nullptr, kTraceAppendOption},
     {"quiet", no_argument, nullptr, 'q'},
-    {"help", no_argument, nullptr, 'h'},
+    {"help", no_argument, nullptr, kHelpOption},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -69,12 +71,25 @@ struct DurationUnit {
 };
 constexpr DurationUnit kDurationUnits[] = {{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}};
 
-// The long name of an option, for error texts.
+// The long name of an option, for error texts; empty for none.
 std::string nameOf(int id) {
     for (const option& o : kLongOptions) {
         if (o.name != nullptr && o.val == id) return std::string("--") + o.name;
     }
-    return "?";
+    return {};
+}
+
+// Why getopt_long refused an option (`id` '?' or ':'); `word` is the argument it last
+// stepped over. A letter inside a bundle is named alone: `word` may then be the argument
+// before the bundle, which getopt has not stepped over yet.
+std::string refusal(int id, const char* word) {
+    const std::string letter = std::string("-") + static_cast<char>(optopt);
+    if (id == ':') {
+        return "missing argument for " + (std::strncmp(word, "--", 2) == 0 ? word : letter);
+    }
+    if (optopt == 0) return std::string("unknown option ") + word;
+    if (nameOf(optopt).empty()) return "unknown option " + letter;
+    return nameOf(optopt) + " takes no argument";
 }
 
 // A whole decimal integer in [min, max].
@@ -177,7 +192,7 @@ bool applyOption(int id, const char* argument, Options* options, Given* given) {
         case kLaptopOption:
             options->holdDmaLatency = false;
             return true;
-        case 'H':
+        case 'h':
             return parseInteger(argument, 1, kMaxHistogramUs, &options->histogramUs);
         case kHistfileOption:
             options->histogramFile = argument;
@@ -222,7 +237,7 @@ std::string settle(const Given& given, Options* options) {
         return "the last timer's interval (-i + (-t - 1) * -d) is over 60 s";
     }
     if (!options->histogramFile.empty() && options->histogramUs == 0) {
-        return "--histfile needs -H";
+        return "--histfile needs -h";
     }
     if (options->traceAppend && options->traceFile.empty()) return "--trace-append needs -T";
     if (options->loops == 0 && options->durationSec == 0) {
@@ -245,14 +260,16 @@ int64_t intervalUsOf(const Options& options, int index) {
 }
 
 ParseResult parseOptions(int argc, char** argv, Options* options, std::string* error) {
-    optind = 1;
+    // 0, not 1: only a full reset makes glibc forget a bundle of short options that an
+    // earlier parse stopped inside.
+    optind = 0;
     opterr = 0;
     Given given;
     int id = 0;
     while ((id = getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr)) != -1) {
-        if (id == 'h') return ParseResult::kHelp;
+        if (id == kHelpOption) return ParseResult::kHelp;
         if (id == '?' || id == ':') {
-            *error = std::string("unknown option or missing argument: ") + argv[optind - 1];
+            *error = refusal(id, argv[optind - 1]);
             return ParseResult::kBadUsage;
         }
         if (!applyOption(id, optarg, options, &given)) {
@@ -284,23 +301,27 @@ void printUsage(std::ostream& out, const char* program) {
         << "  -p, --priority N      priority of the monitor thread: 1 to 99 for fifo and rr,\n"
         << "                        the nice value -20 to 19 for other and batch\n"
         << "      --policy NAME     fifo, rr, other or batch (default fifo when -p is given;\n"
-        << "                        without either, the monitor's own default applies)\n"
+        << "                        without either, other at the nice value the program\n"
+        << "                        started with, as cyclictest; the header shows what ran)\n"
         << "  -a, --affinity CPUS   CPU list for the monitor thread, such as 0 or 0-1,3\n"
         << "  -m, --mlockall        lock current and future memory\n"
         << "      --laptop          leave /dev/cpu_dma_latency alone; by default it is held at\n"
         << "                        0 while running when it can be opened, and the header\n"
         << "                        says whether it was\n"
-        << "  -H, --histogram US    after the report, cyclictest's histogram: one line per\n"
+        << "  -h, --histogram US    after the report, cyclictest's histogram: one line per\n"
         << "                        1 us bucket below US (1 to 1000000), a column per timer,\n"
         << "                        then its summary lines\n"
         << "      --histfile FILE   write that histogram to FILE instead of stdout\n"
-        << "      --json FILE       write the settings, the summary and per-timer figures\n"
+        << "      --json FILE       write cyclictest's JSON: num_threads, resolution_in_ns and\n"
+        << "                        per timer (thread \"0\", \"1\", ...) cycles, min, max, avg\n"
+        << "                        (us), cpu, node and the -h histogram; the settings, the\n"
+        << "                        summary and the other per-timer figures under \"tavrel\"\n"
         << "  -T, --trace FILE      write the library's trace sections to FILE, and each\n"
         << "                        callback's latency (us) as a counter named after its timer\n"
         << "                        (Timer-0, Timer-1, ...); FILE is replaced\n"
         << "      --trace-append    append to the -T file instead of replacing it\n"
         << "  -q, --quiet           no live progress line\n"
-        << "  -h, --help            this text\n"
+        << "      --help            this text\n"
         << "Latency is measured from the deadline in force to the start of the callback.\n"
         << "overruns: callbacks that ran a whole interval or more late.\n"
         << "missed: deadlines that passed without a callback of their own, between the first\n"

@@ -20,7 +20,7 @@ struct Options {
     double durationSec = 0;               // run time before stopping; 0: no limit
     clockid_t clock = CLOCK_MONOTONIC;    // clock the timers run on
     std::string clockName = "monotonic";  // the clock's name in lower case, for the report
-    bool schedGiven = false;              // false: the monitor applies its own default
+    bool schedGiven = false;              // false: other at the nice value started with
     int32_t policy = kOther;              // with schedGiven, applied by the thread driver
     int32_t priority = 0;                 // real-time priority (fifo, rr) or nice value
     std::string cpus;                     // CPU list for the monitor thread; empty: unchanged
@@ -28,8 +28,8 @@ struct Options {
     bool holdDmaLatency = true;           // hold /dev/cpu_dma_latency at 0 while running
     std::string traceFile;                // trace output file; empty: tracing stays off
     bool traceAppend = false;             // append to the trace file instead of replacing it
-    std::string jsonFile;                 // summary and per-timer figures; empty: none
-    int64_t histogramUs = 0;              // 1 us buckets of the histogram dump; 0: none
+    std::string jsonFile;                 // the results as cyclictest's JSON; empty: none
+    int64_t histogramUs = 0;              // 1 us buckets of the histogram (-h); 0: none
     std::string histogramFile;            // where the histogram goes; empty: stdout
     bool quiet = false;                   // no live progress line
 };

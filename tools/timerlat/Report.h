@@ -28,13 +28,21 @@ void printProgress(std::ostream& out, double elapsedSec, int64_t count, int64_t 
 void printReport(std::ostream& out, const Options& options, const RunFacts& facts,
                  const std::vector<TimerResult>& timers);
 
+// Whole microseconds, as cyclictest counts them; the clock going backwards counts as 0.
+int64_t wholeUs(int64_t ns);
+
+// One timer's samples per 1 us bucket below `bucketsUs`, as cyclictest's histogram counts.
+std::vector<int64_t> cyclicBuckets(const TimerResult& timer, int64_t bucketsUs);
+
 // cyclictest's histogram: a line per 1 us bucket below `bucketsUs` with a column per
 // timer, then the totals, minimum, average and maximum, overflows and the expiries that
 // overflowed.
 void printCyclicHistogram(std::ostream& out, int64_t bucketsUs,
                           const std::vector<TimerResult>& timers);
 
-// The settings, the facts, the summary of all timers and each timer's, as one JSON object.
+// cyclictest's JSON layout (num_threads, resolution_in_ns, and under "thread" each timer's
+// cycles, min, max, avg, cpu, node and its -h histogram), with the settings, the
+// facts and the other figures of all timers and of each under "tavrel".
 void printJson(std::ostream& out, const Options& options, const RunFacts& facts,
                const std::vector<TimerResult>& timers);
 

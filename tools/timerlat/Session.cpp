@@ -1,5 +1,6 @@
 #include "Session.h"
 
+#include <sys/resource.h>
 #include <time.h>
 
 #include <algorithm>
@@ -92,9 +93,12 @@ SessionResult runSession(const Options& options, const std::atomic<bool>& interr
 
     SessionResult result;
     {
-        const int32_t policy = options.schedGiven ? options.policy : host::ThreadDriver::kNotGiven;
+        // Without -p or --policy, as cyclictest's threads: SCHED_OTHER at the nice value
+        // the program started with, not the monitor's own default, so that the two compare
+        // like for like. Keeping one's own nice value needs no privilege.
+        const int32_t policy = options.schedGiven ? options.policy : kOther;
         const int32_t priority =
-            options.schedGiven ? options.priority : host::ThreadDriver::kNotGiven;
+            options.schedGiven ? options.priority : getpriority(PRIO_PROCESS, 0);
         host::ThreadDriver driver(std::dynamic_pointer_cast<IThreadLoop>(monitor), {}, policy,
                                   priority);
         const Clock::time_point start = Clock::now();

@@ -18,8 +18,9 @@ struct SessionResult {
 
 // Runs until the loops are done, the duration is over or `interrupted` is set. With
 // `progress` non-null, keeps one line of progress on it. Tears everything down. The
-// monitor thread gets the options' policy and priority from its driver, when given, and
-// the CPU list of requestAffinity (HostTuning.h) in its readyToRun.
+// monitor thread gets the options' policy and priority from its driver (when not given,
+// SCHED_OTHER at the caller's nice value), and the CPU list of requestAffinity
+// (HostTuning.h) in its readyToRun.
 SessionResult runSession(const Options& options, const std::atomic<bool>& interrupted,
                          std::ostream* progress);
 
