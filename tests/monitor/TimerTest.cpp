@@ -120,7 +120,7 @@ TEST(Timer, ACallbackMayRestartStopOrDropItsOwnTimer) {
 }
 
 // Periodic timers keep firing however many expire together, and timers disarmed with a
-// period set never come back. Runs a quarter of a second, or TAVREL_SOAK_SECONDS.
+// period set never come back. Runs 50 rounds, or as many as TAVREL_SOAK_SECONDS allows.
 TEST(TimerLoad, EveryPeriodicTimerKeepsFiringAndNoDisarmedOneRevives) {
     const char* soak = std::getenv("TAVREL_SOAK_SECONDS");
     const auto end = std::chrono::steady_clock::now() +
