@@ -24,6 +24,7 @@ const std::pair<const char*, const char*> kCommandLines[] = {
     {"-D 1m -c BootTime", "D=60 c=boottime"},
     {"-D 1.5h -l 9 -i 50", "i=50 l=9 D=5400"},
     {"-D 2d", "error: bad value for --duration: 2d"},
+    {"-Zq", "error: unknown option or missing argument: -Z"},
     {"-p 80", "sched=1/fifo/80"},
     {"-p -5 --policy BATCH", "sched=1/batch/-5"},
     {"--policy rr", "error: --policy rr needs -p 1 to 99"},
@@ -42,13 +43,16 @@ TEST(TimerlatTest, CommandLines) {
         std::vector<std::string> words{std::istream_iterator<std::string>(in), {}};
         std::vector<char*> argv;
         for (std::string& word : words) argv.push_back(word.data());
-        Options o;
-        std::string text;
-        const bool ok = parseOptions(argv.size(), argv.data(), &o, &text) == ParseResult::kRun;
-        const std::vector<std::string> got = wordsOf(o), base = wordsOf(defaults);
-        for (size_t i = 0; ok && i < got.size(); ++i)
-            if (got[i] != base[i]) text += (text.empty() ? "" : " ") + got[i];
-        EXPECT_EQ(ok ? text : "error: " + text, expected) << arguments;
+        // Twice: a parse must not start where the one before it stopped.
+        for (int pass = 0; pass < 2; ++pass) {
+            Options o;
+            std::string text;
+            const bool ok = parseOptions(argv.size(), argv.data(), &o, &text) == ParseResult::kRun;
+            const std::vector<std::string> got = wordsOf(o), base = wordsOf(defaults);
+            for (size_t i = 0; ok && i < got.size(); ++i)
+                if (got[i] != base[i]) text += (text.empty() ? "" : " ") + got[i];
+            EXPECT_EQ(ok ? text : "error: " + text, expected) << arguments << ", pass " << pass;
+        }
     }
 }
 

@@ -198,6 +198,14 @@ bool applyOption(int id, const char* argument, Options* options, Given* given) {
     return false;
 }
 
+// The option getopt_long just refused. optind has not passed a word it stopped inside
+// ("-Zq"), so that word is no guide; optopt names the option, but is 0 for an unknown long one.
+std::string offendingOption(char** argv) {
+    if (optopt == 0) return argv[optind - 1];
+    const std::string name = nameOf(optopt);
+    return name != "?" ? name : std::string("-") + static_cast<char>(optopt);
+}
+
 bool isRealTime(int32_t policy) {
     return policy == kFifo || policy == kRoundRobin;
 }
@@ -245,14 +253,16 @@ int64_t intervalUsOf(const Options& options, int index) {
 }
 
 ParseResult parseOptions(int argc, char** argv, Options* options, std::string* error) {
-    optind = 1;
+    // 0, not 1: glibc then also forgets where it stopped inside a word such as "-Zq", which
+    // the next parse would otherwise take up, in a command line that may be gone.
+    optind = 0;
     opterr = 0;
     Given given;
     int id = 0;
     while ((id = getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr)) != -1) {
         if (id == 'h') return ParseResult::kHelp;
         if (id == '?' || id == ':') {
-            *error = std::string("unknown option or missing argument: ") + argv[optind - 1];
+            *error = "unknown option or missing argument: " + offendingOption(argv);
             return ParseResult::kBadUsage;
         }
         if (!applyOption(id, optarg, options, &given)) {
