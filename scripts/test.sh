@@ -28,6 +28,11 @@ run_preset clang-libcxx
 stage "asan: no memory error, leak or undefined behaviour in any test"
 run_preset asan
 
+stage "fuzz: each parser a user feeds (property file, ANDROID_LOG_TAGS, tavrel-timerlat's command line) takes 20 s of generated input without a crash, leak or sanitizer report"
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz
+scripts/fuzz.sh build/fuzz 20
+
 stage "tsan: no data race in any test"
 run_preset tsan
 
