@@ -28,7 +28,7 @@ run_preset clang-libcxx
 stage "asan: no memory error, leak or undefined behaviour in any test"
 run_preset asan
 
-stage "fuzz: each parser a user feeds (property file, ANDROID_LOG_TAGS, tavrel-timerlat's command line) takes 20 s of generated input without a crash, leak or sanitizer report"
+stage "fuzz: the parsers a user feeds take 20 s of generated input each, without a crash, leak or sanitizer report"
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz
 scripts/fuzz.sh build/fuzz 20
