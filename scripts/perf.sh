@@ -9,6 +9,8 @@
 #   - Timer wake-up latency against a bare timerfd loop and cyclictest, all three memory-
 #     locked with /dev/cpu_dma_latency held at 0, at normal priority and, where this
 #     machine grants it, at SCHED_FIFO,
+#   - the same latency while stress-ng loads every core (CPU and I/O workers), at SCHED_FIFO
+#     where permitted,
 #   - the registry's heap bytes per descriptor,
 #   - the Google Benchmark programs (build/bench/bench/*_bench).
 # Raw outputs stay in build/bench/perf/. The default run takes a few minutes; --full
@@ -33,7 +35,7 @@ while (($#)); do
     --blocks) blocks="$2"; shift ;;
     --rounds) rounds="$2"; shift ;;
     --timer-runs) timer_runs="$2"; shift ;;
-    -h|--help) sed -n '2,17p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,19p' "$0"; exit 0 ;;
     *) echo "perf: unknown argument $1" >&2; exit 2 ;;
   esac
   shift
@@ -196,6 +198,45 @@ for schedule in "${schedules[@]}"; do
   done
 done
 head -1 /proc/stat >>"$out/timer.stat"
+
+# The same three programs, run as above, while stress-ng keeps every core busy with CPU
+# workers and I/O workers (sync) at normal priority: at SCHED_FIFO where permitted, where
+# the workers wait for the timer threads, else at normal priority, where they compete.
+ensure_packages perf stress-ng
+load_workers=$(nproc)
+load_schedule=${schedules[-1]}
+load_ours=(--policy other -p 0) load_theirs=(--policy=other)
+if [[ $load_schedule == fifo ]]; then
+  load_ours=(-p "$fifo_priority") load_theirs=(-p "$fifo_priority")
+fi
+load_common=("${lock[@]}" -i 1000 -l "$timer_loops" -q)
+echo "stress-ng: $(dpkg-query -W -f='${Version}' stress-ng)" >>"$out/machine.txt"
+load=(stress-ng --cpu "$load_workers" --io "$load_workers")
+echo "stress-ng load: ${load[*]}" >>"$out/machine.txt"
+echo "perf: timer wake-up latency under load ($load_schedule; ${load[*]})"
+mkdir -p "$out/loaded"
+"${load[@]}" --metrics-brief >"$out/loaded/stress-ng.log" 2>&1 &
+stress_pid=$!
+trap 'kill -INT "$stress_pid" 2>/dev/null || true' EXIT
+sleep 2 # every worker running
+head -1 /proc/stat >"$out/loaded.stat"
+load_programs=(timer raw cyclictest)
+for ((run = 1; run <= timer_runs; run++)); do
+  # As above: back to back, each run starting with the next program; a failed run is left out.
+  for ((k = 0; k < ${#load_programs[@]}; k++)); do
+    program=${load_programs[(run + k - 1) % ${#load_programs[@]}]}
+    base="$out/loaded/$program-$load_schedule-$run"
+    case $program in
+      timer) "$timerlat" "${load_ours[@]}" "${load_common[@]}" -h 20000 --histfile "$base.hist" >"$base.txt" ;;
+      raw) "$raw_timerlat" "${load_ours[@]}" "${load_common[@]}" -h 20000 --histfile "$base.hist" >"$base.txt" ;;
+      cyclictest) cyclictest "${load_theirs[@]}" "${load_common[@]}" -h 20000 >"$base.hist" 2>"$base.txt" ;;
+    esac || { echo "perf: $program failed under load (exit $?)" >&2; rm -f "$base.hist"; }
+  done
+done
+head -1 /proc/stat >>"$out/loaded.stat"
+kill -INT "$stress_pid"
+wait "$stress_pid" || true
+trap - EXIT
 
 echo "perf: registry memory"
 "$build/bench/compare/tavrel-mapmem" | tee "$out/mapmem.txt"

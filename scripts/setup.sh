@@ -9,7 +9,7 @@ source "$here/lib/packages.sh"
 
 readonly PACKAGES=(
   cmake ninja-build g++ pkg-config
-  clang clang-format libc++-14-dev libc++abi-14-dev
+  clang clang-format libc++-14-dev libc++abi-14-dev libclang-rt-14-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   android-liblog-dev android-libutils-dev
   libevent-dev libev-dev libuv1-dev valgrind

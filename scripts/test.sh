@@ -28,6 +28,11 @@ run_preset clang-libcxx
 stage "asan: no memory error, leak or undefined behaviour in any test"
 run_preset asan
 
+stage "fuzz: the parsers a user feeds take 20 s of generated input each, without a crash, leak or sanitizer report"
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz
+scripts/fuzz.sh build/fuzz 20
+
 stage "tsan: no data race in any test"
 run_preset tsan
 
