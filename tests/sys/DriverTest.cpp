@@ -129,23 +129,21 @@ TEST(DriverCall, RunningOutOfDescriptorsListsTheOpenOnesAtInfoLevel) {
     }
 }
 
-// Run by the next test in a child: a request answered at once, well under 2 ms, on
-// descriptor 101; then two that take 3 ms on 100 and 102, the second failing.
+// Run by the next test in a child: two requests that take 3 ms, on descriptors 100 and 102,
+// the second failing.
 TEST(DurationCheck, DISABLED_SlowRequests) {
     v4l2_buffer buffer{};
     inject(SYS_ioctl, 0, 100, 0, 0, 3ms);
-    inject(SYS_ioctl, 0, 101, 0, 0);
     inject(SYS_ioctl, 0, 102, 0, -EIO, 3ms);
-    System::QueueMediaRequest(101);
     System::QueueMediaRequest(100);
     System::QueueVideoNodeBuf(102, &buffer);
 }
 
 TEST(DurationCheck, MeasuredOnlyWithVerboseDetailsAtLoadAndNoCameraLogLevelBelowThree) {
-    SKIP_WITHOUT_FAULTS();
     // Slow means over 2 ms, a boundary no request on a busy machine can be timed to.
     using NSCam::NSTavrel::System::internal::exceedsQueueLimit;
     EXPECT_EQ(format("%d%d", exceedsQueueLimit(2'000'000), exceedsQueueLimit(2'000'001)), "01");
+    SKIP_WITHOUT_FAULTS();
     // Each line on both routes: the debug-print one first, with its header.
     const auto both = [](const char* level, const char* fn, const std::string& text,
                          const char* end) {
