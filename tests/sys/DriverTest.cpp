@@ -89,6 +89,8 @@ TEST(DriverCall, RoutineAnswersPassSilentlyAndAnAllocatedRequestIsTagged) {
             inject(SYS_ioctl, 0, 101, 0, 5);
             inject(SYS_ioctl, 0, 102, 0, 0);
             inject(SYS_ioctl, 0, 103, 0, 0, {}, 2, bytesOf(request.get()));
+            ULogger::sDetailsLevel = 5;  // every level reaches stderr
+            ULogger::sNormalDetailsMask = ~0u;
             std::fprintf(stderr, "%d %d %d %d\n", System::DQueueVideoNodeBuf(100, &buffer),
                          System::ReinitMediaRequest(101) + System::DQueueEvent(101, &event) +
                              System::AddIova(101, kIova, &arg) + System::DelIova(101, kIova, &arg) +
