@@ -2,9 +2,7 @@
 
 #include <linux/audit.h>
 #include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <signal.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <ucontext.h>
 
@@ -239,11 +237,6 @@ void inject(long call, int arg, long value, int error, long result, std::chrono:
     if (::sigaction(SIGSYS, &trap, nullptr) != 0 || ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
         ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
         std::perror("seccomp");  // the call then reaches the kernel, and the test fails
-}
-
-bool faultsInjectable() {
-    uint32_t trap = SECCOMP_RET_TRAP;
-    return ::syscall(SYS_seccomp, SECCOMP_GET_ACTION_AVAIL, 0, &trap) == 0;
 }
 
 void limitDescriptors(int spare) {

@@ -6,11 +6,13 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -154,12 +156,13 @@ std::string bytesOf(const T& object) {
     return std::string(reinterpret_cast<const char*>(&object), sizeof(object));
 }
 
-// Whether seccomp filters can be installed here: qemu's user mode emulation refuses them.
-bool faultsInjectable();
-#define SKIP_WITHOUT_FAULTS()                                                             \
-    if (!faultsInjectable())                                                              \
-    GTEST_SKIP() << "seccomp filters cannot be installed here (qemu's user mode refuses " \
-                    "them), so no fault can be put into a system call"
+// Skips the rest of a test where seccomp filters cannot be installed, as under qemu's user
+// mode emulation.
+#define SKIP_WITHOUT_FAULTS()                                                                    \
+    if (uint32_t trap = SECCOMP_RET_TRAP;                                                        \
+        ::syscall(SYS_seccomp, SECCOMP_GET_ACTION_AVAIL, 0, &trap) != 0)                         \
+    GTEST_SKIP() << "seccomp filters cannot be installed here (qemu's user mode refuses them), " \
+                    "so no fault can be put into a system call"
 
 // Leaves this process `spare` descriptor numbers more to make, all others taken. Makes a
 // virtual call on the unified logger first: UBSan checks an object's type the first time

@@ -1,8 +1,6 @@
 // The monitor's life on one thread (its log lines, trace points and dumps), its registry,
 // readyToRun, and every way misuse or a broken descriptor ends the process.
 
-#include <sys/syscall.h>
-
 #include "common/Support.h"
 
 namespace tavrel::test {

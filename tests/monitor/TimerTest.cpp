@@ -2,7 +2,6 @@
 // a running monitor, callbacks that restart, stop or drop their own timer, and many timers
 // firing at once.
 #include <poll.h>
-#include <sys/syscall.h>
 #include <sys/timerfd.h>
 
 #include <chrono>

@@ -3,8 +3,6 @@
 // fixed at load, and the listing of descriptors when they have run out. What only a driver
 // would answer is put into the C library's ioctl as a fault.
 #include <linux/videodev2.h>
-#include <sys/syscall.h>
-
 #include "common/Support.h"
 #include "utils/sys/SystemCallInternal.h"
 
