@@ -1,6 +1,6 @@
-// The Timer: its names and dump, its verbose lines, re-arming with what remains, firing on
-// a running monitor, callbacks that restart, stop or drop their own timer, and many timers
-// firing at once.
+// The Timer: its names and dump, its verbose lines, re-arming with what remains and when the
+// kernel refuses a read or a setting, firing on a running monitor, callbacks that restart, stop or
+// drop their own timer, and many timers firing at once.
 #include <poll.h>
 #include <sys/timerfd.h>
 
@@ -106,9 +106,7 @@ TEST(Timer, ReArmingKeepsWhatRemainsClearsTheExpirationsAndOutlivesRefusals) {
     for (const auto& row : rows) {
         timer->startTimerAbsoluteTime(&row.value, &row.interval);
         ASSERT_TRUE(row.value.tv_sec != 0 || waitUntil(fired));
-        if (row.call != 0) {
-            SKIP_WITHOUT_FAULTS();
-        }
+        if (row.call != 0) SKIP_WITHOUT_FAULTS();
         // The child shares the timer with this process: what it sets is seen here.
         EXPECT_EXIT(
             (row.refusedStart ? timer->startTimerAbsoluteTime(&kNone, &kBadPeriod) : void(),
