@@ -67,7 +67,7 @@ private:
     uint32_t mEvents;                      // the mask the timer wants to be attached with
     std::function<void()> mNotifyTimeout;  // run on every expiry
     mutable std::mutex mMutex;             // makes each set (and get-then-set) of mFd atomic
-    bool mArmed = false;                   // guarded by mMutex: last set armed the timer
+    bool mArmed = false;                   // guarded by mMutex: the last accepted set armed it
 };
 
 }  // namespace NSCam::NSTavrel

@@ -1,15 +1,50 @@
 #include "common/Support.h"
 
+#include <linux/audit.h>
+#include <linux/filter.h>
+#include <signal.h>
 #include <sys/wait.h>
+#include <ucontext.h>
 
-#include <chrono>
 #include <cstdarg>
+#include <cstddef>
 #include <iterator>
 
 namespace tavrel::test {
 
 namespace {
 constexpr uint64_t kModuleBit = uint64_t{1} << 55;
+
+#if defined(__x86_64__)
+constexpr uint32_t kArch = AUDIT_ARCH_X86_64;
+#else
+constexpr uint32_t kArch = AUDIT_ARCH_AARCH64;
+#endif
+
+// What a trapped call is answered with; each filter names its own by index.
+struct Answer {
+    long result;
+    std::chrono::microseconds delay;
+    int outArg;
+    std::string out;
+};
+std::vector<Answer> sAnswers;
+
+// SIGSYS: answers in place of the kernel what the filter named in si_errno.
+void answer(int, siginfo_t* info, void* context) {
+    const Answer& a = sAnswers[size_t(info->si_errno)];
+    const timespec delay{0, long(a.delay.count()) * 1000};
+    ::nanosleep(&delay, nullptr);
+    mcontext_t& m = static_cast<ucontext_t*>(context)->uc_mcontext;
+#if defined(__x86_64__)
+    const int arguments[] = {REG_RDI, REG_RSI, REG_RDX};
+    auto &out = m.gregs[arguments[a.outArg]], &result = m.gregs[REG_RAX];
+#else
+    auto &out = m.regs[a.outArg], &result = m.regs[0];
+#endif
+    if (!a.out.empty()) std::memcpy(reinterpret_cast<void*>(out), a.out.data(), a.out.size());
+    result = a.result;
+}
 }  // namespace
 
 std::string format(const char* fmt, ...) {
@@ -167,6 +202,31 @@ Outcome runWithProperties(const std::string& name, const std::string& properties
         format("%s=%s %%T --gtest_also_run_disabled_tests --gtest_filter=%s",
                host::kPropertiesFileEnv, dir.write("props", properties).c_str(), name.c_str()),
         self);
+}
+
+void inject(long call, int arg, long value, int error, long result, std::chrono::microseconds delay,
+            int outArg, const std::string& out) {
+    const uint32_t action = error != 0 ? SECCOMP_RET_ERRNO | uint32_t(error)
+                                       : SECCOMP_RET_TRAP | uint32_t(sAnswers.size());
+    sAnswers.push_back({result, delay, outArg, out});
+    // Another architecture's calls have other numbers. Both are little-endian: an
+    // argument's low half comes first.
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kArch, 0, 5),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, uint32_t(call), 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, uint32_t(offsetof(seccomp_data, args) + 8 * arg)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, uint32_t(value), 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, action),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    const sock_fprog filter{uint16_t(std::size(program)), program};
+    struct sigaction trap {};
+    trap.sa_sigaction = answer;
+    trap.sa_flags = SA_SIGINFO;
+    if (::sigaction(SIGSYS, &trap, nullptr) != 0 || ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
+        std::perror("seccomp");  // the call then reaches the kernel, and the test fails
 }
 
 void limitDescriptors(int spare) {

@@ -1,18 +1,22 @@
 // What every test program shares: the headers and names the tests use throughout; capture
 // of both log routes, of trace markers and of stderr; log text read back as entries;
-// temporary folders; programs run in a child; running monitors and observers.
+// temporary folders; programs run in a child; faults put into system calls; running
+// monitors and observers.
 #pragma once
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -138,6 +142,27 @@ Outcome run(const std::string& command, const std::string& program = "");
 // qemu answer it with the program they run) in a child whose property file holds
 // `properties`: for what the libraries fix when they load.
 Outcome runWithProperties(const std::string& name, const std::string& properties);
+
+// Puts a fault into this process for good, through a seccomp filter: only in a child (a death
+// test's, one that runWithProperties starts). When argument `arg` of `call` (SYS_...) equals
+// `value` on its low 32 bits, the call fails with `error`; or, with `error` 0, it does not
+// reach the kernel and returns `result` after `delay` (under a second), `out` copied first to
+// where argument `outArg` (0 to 2) points.
+void inject(long call, int arg, long value, int error, long result = 0,
+            std::chrono::microseconds delay = {}, int outArg = 0, const std::string& out = "");
+
+template <typename T>
+std::string bytesOf(const T& object) {
+    return std::string(reinterpret_cast<const char*>(&object), sizeof(object));
+}
+
+// Skips the rest of a test where seccomp filters cannot be installed, as under qemu's user
+// mode emulation.
+#define SKIP_WITHOUT_FAULTS()                                                                    \
+    if (uint32_t trap = SECCOMP_RET_TRAP;                                                        \
+        ::syscall(SYS_seccomp, SECCOMP_GET_ACTION_AVAIL, 0, &trap) != 0)                         \
+    GTEST_SKIP() << "seccomp filters cannot be installed here (qemu's user mode refuses them), " \
+                    "so no fault can be put into a system call"
 
 // Leaves this process `spare` descriptor numbers more to make, all others taken. Makes a
 // virtual call on the unified logger first: UBSan checks an object's type the first time

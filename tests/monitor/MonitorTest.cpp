@@ -274,10 +274,10 @@ TEST(MonitorDeathTest, MisuseDumpsTheStateToTheErrorLogThenEnds) {
     ::close(file.fd);
 }
 
-TEST(MonitorDeathTest, BrokenLoopsAndDescriptorsThatCannotBeMadeEndTheProcess) {
-    const auto monitor = IEpollMonitor::make("b");
-    const auto loop = std::dynamic_pointer_cast<IThreadLoop>(monitor);
-    const int e = descriptorsOf(*monitor).first;
+TEST(MonitorDeathTest, BrokenLoopsAndDescriptorsThatCannotBeMadeOrRegisteredEndTheProcess) {
+    auto monitor = IEpollMonitor::make("b");
+    auto loop = std::dynamic_pointer_cast<IThreadLoop>(monitor);
+    const auto [e, v] = descriptorsOf(*monitor);
     EventObserver observer;
     epoll_event noObserver{EPOLLIN, {}};
     ::epoll_ctl(e, EPOLL_CTL_ADD, observer.getEventFD(), &noObserver);
@@ -311,6 +311,14 @@ TEST(MonitorDeathTest, BrokenLoopsAndDescriptorsThatCannotBeMadeEndTheProcess) {
     Timer unowned("t", CLOCK_MONOTONIC, [] {});
     EXPECT_DEATH(unowned.onEvent({nullptr, EPOLLIN}),
                  entriesAre({"bad_weak_ptr was thrown in -fno-exceptions mode"}));
+    SKIP_WITHOUT_FAULTS();  // the next monitor gets the descriptor numbers of the first
+    EXPECT_DEATH(
+        (monitor.reset(), loop.reset(), inject(SYS_epoll_ctl, 1, EPOLL_CTL_ADD, ENOSPC),
+         IEpollMonitor::make("b")),
+        entriesAre(fatal({format("E tavrel-syscall: [EPollCtlAdd] epoll_ctl(%d, EPOLL_CTL_ADD, %d) "
+                                 "return -1: err=-28(No space left on device)",
+                                 e, v)},
+                         m, m, format("[EpollMonitor] EPOLL_CTL_ADD event fd:%d - red:-28", v))));
 }
 
 // Descriptor 0 is a descriptor like any other: made, tagged, used and closed as such.

@@ -1,6 +1,7 @@
-// The Timer: its names and dump, its verbose lines, re-arming with what remains, firing on
-// a running monitor, callbacks that restart, stop or drop their own timer, and many timers
-// firing at once.
+// The Timer: its names and dump, its verbose lines, re-arming with what remains and when the
+// kernel refuses a read or a setting, firing on a running monitor, callbacks that restart, stop or
+// drop their own timer, and many timers firing at once.
+#include <poll.h>
 #include <sys/timerfd.h>
 
 #include <chrono>
@@ -13,7 +14,10 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr timespec kNone{}, kLongPast{0, 1};  // absolute times on the monotonic clock
-constexpr timespec kMillisecond{0, 1'000'000}, kTenthSecond{0, 100'000'000};
+constexpr timespec kMillisecond{0, 1'000'000}, kSecond{1, 0};
+constexpr timespec kOutOfRange{0, 1'000'000'000}, kBadPeriod{0, -1};  // refused by the kernel
+constexpr const char* kRefused =
+    "[TimerFDSetTime] timerfd_settime(%d) return -1: err=-22(Invalid argument)";
 
 // An absolute time `after` from now on the monotonic clock.
 timespec in(std::chrono::seconds after) {
@@ -53,35 +57,71 @@ TEST(Timer, NameDumpMaskAndVerboseLinesAsTheLogvPropertyOfItsConstructionSays) {
                   Lines({name, text, text}));
         EXPECT_EQ(timer->getEventType(), uint32_t(EPOLLIN | EPOLLET));
         const LogCapture capture;
-        // A zero value disarms though the kernel keeps the period: the re-arm must not revive it.
-        timer->startTimerAbsoluteTime(&kNone, &kTenthSecond);
+        // A zero value disarms though the kernel keeps the period, and a setting the kernel
+        // refuses changes nothing: the re-arm must not revive the timer.
+        timer->startTimerAbsoluteTime(&kNone, &kSecond);
+        timer->startTimerAbsoluteTime(&kOutOfRange, &kSecond);
         timer->enableEdgeTrigger();
         EXPECT_TRUE(disarmed(*timer));
         timer->stopTimer();
         Lines expected;
         for (const char* text :
-             {"[startTimerAbsoluteTime] %-7s: { .it_interval=0.100000000 .it_value=0.0 }",
-              "[enableEdgeTrigger] %-7s: { .it_interval=0.100000000 .it_value=0.0 }",
+             {"[startTimerAbsoluteTime] %-7s: { .it_interval=1.0 .it_value=0.0 }",
+              "[startTimerAbsoluteTime] %-7s: { .it_interval=1.0 .it_value=0.1000000000 }",
+              "[enableEdgeTrigger] %-7s: { .it_interval=1.0 .it_value=0.0 }",
               "[stopTimer] %-7s: { .it_interval=0.0 .it_value=0.0 }"}) {
             const std::string line = format(text, timer->getEventName().c_str());
             if (logvValue != nullptr)
                 expected.push_back(format("5 tavrel-Timer 0x8002001 %zu ", line.size()) + line);
         }
+        // The refusal is an error, logged whatever logv says, before the start's own line.
+        const std::string refused = format(kRefused, timer->getEventFD());
+        expected.insert(expected.begin() + (logvValue != nullptr),
+                        format("1 tavrel-syscall 0x8002001 %zu ", refused.size()) + refused);
         EXPECT_EQ(capture.unified(), expected);
     }
 }
 
-TEST(Timer, ReArmingKeepsWhatRemainsAndClearsTheExpirations) {
-    const auto later = makeTimer("later"), due = makeTimer("due");
-    const timespec tenSeconds = in(10s);
-    later->startTimerAbsoluteTime(&tenSeconds, &kNone);
-    later->enableEdgeTrigger();
-    EXPECT_GE(settingOf(*later).it_value.tv_sec, 8);  // the same deadline, now relative
-    due->startTimerAbsoluteTime(&kLongPast, &kNone);
-    ASSERT_TRUE(waitUntil([&] { return disarmed(*due); }));
-    due->enableEdgeTrigger();
-    uint64_t expirations = 0;
-    EXPECT_EQ(::read(due->getEventFD(), &expirations, sizeof(expirations)), -1);
+TEST(Timer, ReArmingKeepsWhatRemainsClearsTheExpirationsAndOutlivesRefusals) {
+    const auto timer = makeTimer("rearm");
+    const int t = timer->getEventFD();
+    pollfd readable{t, POLLIN, 0};
+    const auto fired = [&] { return ::poll(&readable, 1, 0) == 1; };
+    const std::string passed = bytesOf(itimerspec{kSecond, kNone});  // expired, not yet fired
+    // The setting started (from the past, with its expiry pending); the call that then fails
+    // with the errno or answers `passed`; whether a start the kernel refuses comes first; the
+    // refusal logged; what the kernel holds after the re-arm.
+    // clang-format off
+    const struct { timespec value, interval; long call; int err; bool refusedStart; const char *line, *state; } rows[] = {
+        {in(10s), kNone, 0, 0, false, nullptr, "armed every 0s"},  // the same deadline, now relative
+        {kLongPast, kNone, 0, 0, false, nullptr, "disarmed every 0s"},
+        {kLongPast, kSecond, SYS_timerfd_gettime, EFAULT, false,
+            "[TimerFDGetTime] timerfd_gettime(%d) return -1: err=-14(Bad address)", "disarmed every 0s"},
+        {kLongPast, kSecond, SYS_timerfd_settime, ECANCELED, false,
+            "[TimerFDSetTime] timerfd_settime(%d) return -1: err=-125(Operation canceled)",
+            "armed every 1s, expired"},
+        // The last setting the kernel took armed the timer: the passed expiry fires at once.
+        {kLongPast, kSecond, SYS_timerfd_gettime, 0, true, kRefused, "armed every 1s, expired"}};
+    // clang-format on
+    for (const auto& row : rows) {
+        timer->startTimerAbsoluteTime(&row.value, &row.interval);
+        ASSERT_TRUE(row.value.tv_sec != 0 || waitUntil(fired));
+        if (row.call != 0) SKIP_WITHOUT_FAULTS();
+        // The child shares the timer with this process: what it sets is seen here.
+        EXPECT_EXIT(
+            (row.refusedStart ? timer->startTimerAbsoluteTime(&kNone, &kBadPeriod) : void(),
+             row.call != 0 ? inject(row.call, 0, t, row.err, 0, {}, 1, passed) : void(),
+             timer->enableEdgeTrigger(), _exit(0)),
+            testing::ExitedWithCode(0),
+            entriesAre(row.line != nullptr ? Lines{"E tavrel-syscall: " + format(row.line, t)}
+                                           : Lines{}));
+        if (row.refusedStart) waitUntil(fired);
+        uint64_t expirations = 0;
+        EXPECT_EQ(format("%s every %lds%s", disarmed(*timer) ? "disarmed" : "armed",
+                         long(settingOf(*timer).it_interval.tv_sec),
+                         ::read(t, &expirations, 8) == 8 ? ", expired" : ""),
+                  row.state);
+    }
 }
 
 TEST(Timer, ACallbackMayRestartStopOrDropItsOwnTimer) {

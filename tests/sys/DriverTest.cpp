@@ -1,11 +1,8 @@
 // The driver requests: which failures end the service and with what report, the routine
 // answers that pass silently, the owner tag of an allocated request, the duration check
-// fixed at load, and the listing of descriptors when they have run out.
+// fixed at load, and the listing of descriptors when they have run out. What only a driver
+// would answer is put into the C library's ioctl as a fault.
 #include <linux/videodev2.h>
-#include <sys/syscall.h>
-
-#include <cstdarg>
-
 #include "common/Support.h"
 #include "utils/sys/SystemCallInternal.h"
 
@@ -15,12 +12,7 @@ namespace {
 constexpr unsigned long kOwner = 0xd1;
 constexpr int kIova = int(0xC0104D01u);  // made up: any request passes through
 
-// What the substitute ioctl below answers for one descriptor, in place of a driver.
-struct Answer {
-    int fd = -1, result = 0, error = 0;    // errno is set when `error` is not 0
-    std::chrono::nanoseconds duration{0};  // the least time the request takes
-    int allocated = -1;                    // stored through the argument when not -1
-} sAnswer;
+using namespace std::chrono_literals;
 
 // A request's crash report: a message of two lines, each with its own header in the log.
 Lines report(const char* request, int err) {
@@ -56,9 +48,6 @@ TEST(DriverDeathTest, EveryFailedRequestIsLoggedReportedAndEndsTheService) {
             "MEDIA_REQUEST_IOC_QUEUE): err=-25(%s)", ENOTTY, [&] { System::QueueMediaRequest(n); }},
         {9, "VIDIOC_QBUF", "VIDIOC_QBUF", "[QueueVideoNodeBuf] ioctl(%d, VIDIOC_QBUF): -25(%s)", ENOTTY,
             [&] { System::QueueVideoNodeBuf(n, &buffer); }},
-        {9, "VIDIOC_QBUF", "VIDIOC_QBUF", "[QueueVideoNodeBuf] ioctl(%d, VIDIOC_QBUF): -5(%s)", EIO, [&] {
-            sAnswer = {n, 1, EIO};  // a positive result fails it too
-            System::QueueVideoNodeBuf(n, &buffer); }},
         {13, "VIDIOC_DQBUF", "VIDIOC_DQBUF", "[DQueueVideoNodeBuf] ioctl(%d, VIDIOC_DQBUF): -25(%s)", ENOTTY,
             [&] { System::DQueueVideoNodeBuf(n, &buffer); }},
         {32, "VIDIOC_DQEVENT", "VIDIOC_DQEVENT", "[DQueueEvent] ioctl(%d, VIDIOC_DQEVENT): -25(%s)", ENOTTY,
@@ -66,9 +55,15 @@ TEST(DriverDeathTest, EveryFailedRequestIsLoggedReportedAndEndsTheService) {
         {2, "AddIova", "ZELDIP_IOC_ADD_IOVA", "[AddIova] ioctl(%d, 0xc0104d01): -25(%s)", ENOTTY,
             [&] { System::AddIova(n, kIova, &arg); }},
         {2, "DelIova", "ZELDIP_IOC_DEL_IOVA", "[DelIova] ioctl(%d, 0xc0104d01): -25(%s)", ENOTTY,
-            [&] { System::DelIova(n, kIova, &arg); }}};
+            [&] { System::DelIova(n, kIova, &arg); }},
+        // Last, as only it needs a fault: a positive result fails it too, errno as it was.
+        {9, "VIDIOC_QBUF", "VIDIOC_QBUF", "[QueueVideoNodeBuf] ioctl(%d, VIDIOC_QBUF): -5(%s)", EIO, [&] {
+            inject(SYS_ioctl, 0, n, 0, 1);
+            errno = EIO;
+            System::QueueVideoNodeBuf(n, &buffer); }}};
     // clang-format on
     for (const auto& row : rows) {
+        if (row.err == EIO) SKIP_WITHOUT_FAULTS();
         const Lines trace =
             row.section != nullptr ? Lines{std::string("trace B|") + row.section} : Lines{};
         EXPECT_EXIT(
@@ -80,72 +75,72 @@ TEST(DriverDeathTest, EveryFailedRequestIsLoggedReportedAndEndsTheService) {
 }
 
 TEST(DriverCall, RoutineAnswersPassSilentlyAndAnAllocatedRequestIsTagged) {
-    const UniqueFd fd(::eventfd(0, EFD_CLOEXEC)), request(::eventfd(0, EFD_CLOEXEC));
-    const int n = fd.get();
+    SKIP_WITHOUT_FAULTS();
+    const UniqueFd request(::eventfd(0, EFD_CLOEXEC));
     v4l2_buffer buffer{};
     v4l2_event event{};
     int arg = 0;
-    const LogCapture capture;
-    sAnswer = {n, -1, EAGAIN};  // a non-blocking node with no finished buffer
-    EXPECT_EQ(System::DQueueVideoNodeBuf(n, &buffer), -EAGAIN);
-    sAnswer = {n, 5};  // only a negative result fails these
-    EXPECT_EQ(System::ReinitMediaRequest(n) + System::DQueueEvent(n, &event) +
-                  System::AddIova(n, kIova, &arg) + System::DelIova(n, kIova, &arg) +
-                  System::Ioctl(n, 1, &arg, System::kIoctlCheckResult),
-              5);
-    sAnswer = {n, 0};
-    EXPECT_EQ(System::QueueMediaRequest(n) + System::QueueVideoNodeBuf(n, &buffer) +
-                  System::DQueueVideoNodeBuf(n, &buffer),
-              0);
-    sAnswer = {n, 0, 0, {}, request.get()};
-    EXPECT_EQ(System::AllocMediaRequest(n, kOwner), request.get());
-    EXPECT_EQ(host::fdsanGetTag(request.get()), zelcam_fdsan_create_tag(kOwner, 1));
-    EXPECT_EQ(System::Close(const_cast<UniqueFd&>(request).release(), kOwner), 0);
-    sAnswer = {};
-    EXPECT_EQ(capture.texts(), Lines{});
+    // By descriptor: no finished buffer on a non-blocking node; 5, which only a negative
+    // result fails; 0; a new request. The results, then whether the request was tagged.
+    EXPECT_EXIT(
+        {
+            inject(SYS_ioctl, 0, 100, EAGAIN);
+            inject(SYS_ioctl, 0, 101, 0, 5);
+            inject(SYS_ioctl, 0, 102, 0, 0);
+            inject(SYS_ioctl, 0, 103, 0, 0, {}, 2, bytesOf(request.get()));
+            ULogger::sDetailsLevel = 5;  // every level reaches stderr
+            ULogger::sNormalDetailsMask = ~0u;
+            std::fprintf(stderr, "%d %d %d %d\n", System::DQueueVideoNodeBuf(100, &buffer),
+                         System::ReinitMediaRequest(101) + System::DQueueEvent(101, &event) +
+                             System::AddIova(101, kIova, &arg) + System::DelIova(101, kIova, &arg) +
+                             System::Ioctl(101, 1, &arg, System::kIoctlCheckResult),
+                         System::QueueMediaRequest(102) + System::QueueVideoNodeBuf(102, &buffer) +
+                             System::DQueueVideoNodeBuf(102, &buffer),
+                         System::AllocMediaRequest(103, kOwner) - request.get());
+            _exit(host::fdsanGetTag(request.get()) == zelcam_fdsan_create_tag(kOwner, 1) ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), entriesAre({"-11 5 0 0"}));
 }
 
-TEST(DriverCall, RunningOutOfDescriptorsListsEachOpenOneAtInfoLevel) {
+TEST(DriverCall, RunningOutOfDescriptorsListsTheOpenOnesAtInfoLevel) {
+    SKIP_WITHOUT_FAULTS();
     const TempDir temp;
     const std::string path = temp.write(std::string(80, 'f'), "");
     const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC)), fd(::eventfd(0, EFD_CLOEXEC));
     const int n = fd.get();
-    const size_t open =
-        size_t(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-    for (const auto& [err, details, listed] :
-         {std::make_tuple(EMFILE, 3u, true), std::make_tuple(EMFILE, 2u, false),
-          std::make_tuple(ENFILE, 3u, false)}) {
-        sAnswer = {n, -1, err};
-        const LogCapture capture({3, details});
-        EXPECT_EQ(System::Ioctl(n, 1, nullptr, System::kIoctlCheckResult), -err);
-        const Lines lines = capture.texts();
-        ASSERT_EQ(lines.size(), listed ? 1 + open : 1) << err << " " << details;
-        EXPECT_EQ(lines[0], format("[Ioctl] ioctl(%d, 0x1): %d(%s)", n, -err, strerror(err)));
-        if (!listed) continue;
-        // Link targets are cut to the length procfs gives every link: 64.
-        EXPECT_THAT(
-            lines,
-            testing::IsSupersetOf(
-                {format("[dumpProcessFileState] %d -> %s", file.get(), path.substr(0, 64).c_str()),
-                 format("[dumpProcessFileState] %d -> anon_inode:[eventfd]", n)}));
+    const std::string listing = "I tavrel-syscall: [dumpProcessFileState] ";
+    // Link targets are cut to the length procfs gives every link: 64.
+    const testing::Matcher<Lines> none = testing::SizeIs(1),
+                                  listed = testing::IsSupersetOf(
+                                      {format("%s%d -> %s", listing.c_str(), file.get(),
+                                              path.substr(0, 64).c_str()),
+                                       format("%s%d -> anon_inode:[eventfd]", listing.c_str(), n)});
+    for (const int err : {EMFILE, ENFILE}) {  // only the process's own limit lists them
+        const std::string first =
+            format("E tavrel-syscall: [Ioctl] ioctl(%d, 0x1): %d(%s)", n, -err, strerror(err));
+        EXPECT_EXIT((inject(SYS_ioctl, 0, n, err), ULogger::sDetailsLevel = 3,
+                     _exit(-System::Ioctl(n, 1, nullptr, System::kIoctlCheckResult))),
+                    testing::ExitedWithCode(err),
+                    testing::ResultOf(logEntries, testing::AllOf(testing::Contains(first),
+                                                                 err == EMFILE ? listed : none)));
     }
-    sAnswer = {};
 }
 
-// Run by the next test in a child: two slow requests on descriptor 100, the second failing.
+// Run by the next test in a child: two requests that take 3 ms, on descriptors 100 and 102,
+// the second failing.
 TEST(DurationCheck, DISABLED_SlowRequests) {
     v4l2_buffer buffer{};
-    ::dup2(::eventfd(0, EFD_CLOEXEC), 100);
-    sAnswer = {100, 0, 0, std::chrono::milliseconds(3)};
+    inject(SYS_ioctl, 0, 100, 0, 0, 3ms);
+    inject(SYS_ioctl, 0, 102, 0, -EIO, 3ms);
     System::QueueMediaRequest(100);
-    sAnswer = {100, -1, EIO, std::chrono::milliseconds(3)};
-    System::QueueVideoNodeBuf(100, &buffer);
+    System::QueueVideoNodeBuf(102, &buffer);
 }
 
 TEST(DurationCheck, MeasuredOnlyWithVerboseDetailsAtLoadAndNoCameraLogLevelBelowThree) {
     // Slow means over 2 ms, a boundary no request on a busy machine can be timed to.
     using NSCam::NSTavrel::System::internal::exceedsQueueLimit;
     EXPECT_EQ(format("%d%d", exceedsQueueLimit(2'000'000), exceedsQueueLimit(2'000'001)), "01");
+    SKIP_WITHOUT_FAULTS();
     // Each line on both routes: the debug-print one first, with its header.
     const auto both = [](const char* level, const char* fn, const std::string& text,
                          const char* end) {
@@ -155,9 +150,9 @@ TEST(DurationCheck, MeasuredOnlyWithVerboseDetailsAtLoadAndNoCameraLogLevelBelow
     };
     const Lines slow = both("W", "QueueMediaRequest",
                             "ioctl(100, MEDIA_REQUEST_IOC_QUEUE) takes T ns", "") +
-                       both("W", "QueueVideoNodeBuf", "ioctl(100, VIDIOC_QBUF) takes T ns", ""),
+                       both("W", "QueueVideoNodeBuf", "ioctl(102, VIDIOC_QBUF) takes T ns", ""),
                 failed = both("E", "QueueVideoNodeBuf",
-                              "ioctl(100, VIDIOC_QBUF): -5(" + std::string(strerror(EIO)) + ")",
+                              "ioctl(102, VIDIOC_QBUF): -5(" + std::string(strerror(EIO)) + ")",
                               " (QueueVideoNodeBuf){#N:src/utils/sys/SystemCall}") +
                          report("VIDIOC_QBUF", EIO);
     // Details level, then camera log level (empty: unset), then whether requests are timed.
@@ -182,21 +177,3 @@ TEST(DurationCheck, MeasuredOnlyWithVerboseDetailsAtLoadAndNoCameraLogLevelBelow
 
 }  // namespace
 }  // namespace tavrel::test
-
-// Answers for sAnswer's descriptor and passes every other one on. The library's requests
-// bind to it before the C library's.
-extern "C" int ioctl(int fd, unsigned long request, ...) {
-    va_list args;
-    va_start(args, request);
-    void* arg = va_arg(args, void*);
-    va_end(args);
-    const tavrel::test::Answer& answer = tavrel::test::sAnswer;
-    if (fd < 0 || fd != answer.fd) return int(syscall(SYS_ioctl, fd, request, arg));
-    // Busy, so that the request lasts that long on the steady clock the library reads.
-    for (const auto end = std::chrono::steady_clock::now() + answer.duration;
-         std::chrono::steady_clock::now() < end;) {
-    }
-    if (answer.allocated != -1) *static_cast<int*>(arg) = answer.allocated;
-    if (answer.error != 0) errno = answer.error;
-    return answer.result;
-}

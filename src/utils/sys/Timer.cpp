@@ -121,8 +121,9 @@ void Timer::enableEdgeTrigger() {
         std::lock_guard<std::mutex> lock(mMutex);
         const bool readOk = System::TimerFDGetTime(mFd, &cur) >= 0;
         const itimerspec next = rearmSetting(cur, readOk, mArmed);
-        System::TimerFDSetTime(mFd, kRelative, &next, nullptr);
-        mArmed = !isZero(next.it_value);
+        if (System::TimerFDSetTime(mFd, kRelative, &next, nullptr) >= 0) {
+            mArmed = !isZero(next.it_value);
+        }
     }
     TAVREL_CLASS_LOGV(mLogv, "[%s] %-7s: %s", __func__, mName.c_str(),
                       NSTavrel::toString(cur).c_str());
@@ -132,8 +133,10 @@ void Timer::startTimerAbsoluteTime(const timespec* value, const timespec* interv
     const itimerspec setting = {*interval, *value};
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        System::TimerFDSetTime(mFd, TFD_TIMER_ABSTIME, &setting, nullptr);
-        mArmed = !isZero(setting.it_value);
+        // A refused setting leaves the kernel, and so the record of it, as they were.
+        if (System::TimerFDSetTime(mFd, TFD_TIMER_ABSTIME, &setting, nullptr) >= 0) {
+            mArmed = !isZero(setting.it_value);
+        }
     }
     TAVREL_CLASS_LOGV(mLogv, "[%s] %-7s: %s", __func__, mName.c_str(),
                       NSTavrel::toString(setting).c_str());
@@ -143,8 +146,7 @@ void Timer::stopTimer() {
     const itimerspec zero{};
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        System::TimerFDSetTime(mFd, kRelative, &zero, nullptr);
-        mArmed = false;
+        if (System::TimerFDSetTime(mFd, kRelative, &zero, nullptr) >= 0) mArmed = false;
     }
     TAVREL_CLASS_LOGV(mLogv, "[%s] %-7s: %s", __func__, mName.c_str(),
                       NSTavrel::toString(zero).c_str());

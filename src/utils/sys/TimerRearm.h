@@ -13,8 +13,8 @@ inline bool isZero(const timespec& t) {
 }
 
 // `read` is what timerfd_gettime gave, `readOk` whether it succeeded, `armed` whether the
-// timer's last explicit setting armed it and nothing has disarmed it since. A failed read
-// disarms, as does a one-shot timer that has expired (it reads back all zeros).
+// last setting the kernel accepted armed the timer (a refused one changes nothing). A failed
+// read disarms, as does a one-shot timer that has expired (it reads back all zeros).
 //
 // A periodic timer can read back a zero remaining time: its expiry has passed but the
 // kernel has not fired it yet. Set back relative to now, that zero would disarm the timer
