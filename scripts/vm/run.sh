@@ -57,9 +57,9 @@ case "$machine" in
     ;;
   183)
     arch=arm64
-    # -cpu max for the newest instructions a phone's core has (atomics among them), with a
-    # cheap pointer-authentication algorithm: the architected one costs the kernel dearly
-    # under emulation, and the programs are built without it.
+    # -cpu max: every extension qemu emulates, a phone core's atomics among them. Pointer
+    # authentication with qemu's cheap algorithm: the architected one makes a run two to
+    # four times as long under emulation, and the programs are built without it.
     qemu=(qemu-system-aarch64 -machine virt -accel tcg -cpu max,pauth-impdef=on)
     console=ttyAMA0
     overlay="${TAVREL_ARM64_OVERLAY:-${XDG_CACHE_HOME:-$HOME/.cache}/tavrel-arm64/overlay}"
