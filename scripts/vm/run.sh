@@ -46,7 +46,7 @@ smp=${TAVREL_VM_SMP:-1}
 # little-endian half-word at offset 18). The loader lists an x86-64 program's libraries
 # directly, an Arm program's under the user-mode emulator, whose overlay (as the cross
 # toolchain file sets it up) holds the arm64 libraries the host root cannot.
-machine=$(od -An -tu2 -j18 -N2 "$prog" | tr -d ' ')
+machine=$(od -An -tu2 -j18 -N2 "$prog" 2>/dev/null | tr -d ' ') || true
 case "$machine" in
   62)
     arch=amd64
@@ -60,7 +60,7 @@ case "$machine" in
     # -cpu max: every extension qemu emulates, a phone core's atomics among them. Pointer
     # authentication with qemu's cheap algorithm: the architected one makes a run two to
     # four times as long under emulation, and the programs are built without it.
-    qemu=(qemu-system-aarch64 -machine virt -accel tcg -cpu max,pauth-impdef=on)
+    qemu=(qemu-system-aarch64 -machine virt -accel tcg -cpu "max,pauth-impdef=on")
     console=ttyAMA0
     overlay="${TAVREL_ARM64_OVERLAY:-${XDG_CACHE_HOME:-$HOME/.cache}/tavrel-arm64/overlay}"
     lister=(qemu-aarch64 -L "$overlay")
