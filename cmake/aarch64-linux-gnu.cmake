@@ -1,7 +1,9 @@
 # Cross build for 64-bit Arm Linux with Debian's cross compiler. The arm64 libraries we
 # link (GoogleTest, Android's liblog and libutils) are Debian's multiarch arm64 packages,
 # installed on the host root under /usr/lib/aarch64-linux-gnu; scripts/arm64/prepare.sh
-# installs all of it. Test programs run under qemu's user-mode emulator.
+# installs all of it. Test programs run in a 64-bit Arm virtual machine (scripts/vm/run.sh);
+# the user-mode emulator below runs the install test's example and lists, for the machine,
+# the libraries an Arm program loads.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 

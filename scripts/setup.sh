@@ -19,7 +19,8 @@ ensure_packages setup "${PACKAGES[@]}"
 [[ ${1:-} == --build-only ]] && exit 0
 
 # GoogleTest for the libc++ build, the 64-bit Arm cross build and its emulator, and the
-# driver test's VM image.
+# kernels and busybox of the x86-64 and 64-bit Arm test VMs.
 "$here/libcxx/prepare.sh"
 "$here/arm64/prepare.sh"
-"$here/vm/prepare.sh"
+"$here/vm/prepare.sh" amd64
+"$here/vm/prepare.sh" arm64

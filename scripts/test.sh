@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 
 stage() { printf '\n=== %s\n' "$*"; }
 
-stage "setup: install missing Debian packages, the arm64 cross toolchain and the driver-test VM image"
+stage "setup: install missing Debian packages, the arm64 cross toolchain and the x86-64 and arm64 VM images"
 scripts/setup.sh
 
 stage "style: every C++ file is formatted as .clang-format says"
@@ -36,7 +36,7 @@ scripts/fuzz.sh build/fuzz 20
 stage "tsan: no data race in any test"
 run_preset tsan
 
-stage "arm64: the library and the suite, cross-built for 64-bit Arm, pass under qemu user-mode emulation"
+stage "arm64: the library and the suite, cross-built for 64-bit Arm, pass on a 64-bit Arm kernel in a VM, the driver test too"
 run_preset arm64
 
 stage "valgrind: no invalid access, uninitialised read or leak in any test program's non-death tests"

@@ -135,11 +135,11 @@ struct Outcome {
     std::string out;  // stdout and stderr together
 };
 
-// Runs a shell command in which "%T" stands for `program` run as commandFor() says.
+// Runs a shell command in which "%T" stands for `program`.
 Outcome run(const std::string& command, const std::string& program = "");
 
-// Runs the disabled test `name` of this program (found through readlink(): valgrind and
-// qemu answer it with the program they run) in a child whose property file holds
+// Runs the disabled test `name` of this program (found through readlink(): valgrind
+// answers it with the program it runs) in a child whose property file holds
 // `properties`: for what the libraries fix when they load.
 Outcome runWithProperties(const std::string& name, const std::string& properties);
 

@@ -161,7 +161,7 @@ TEST(MonitorStress, EveryUnitIsConsumedEveryRegistrationUndoneAndNothingLogged) 
                 // that could still hold its detached observers has ended.
                 EventObserver barrier;
                 running.monitor->attach(&barrier, EPOLLIN);
-                while (std::chrono::steady_clock::now() < end) {
+                do {  // at least once, however late the thread starts
                     EventObserver observer;
                     std::atomic<int> fired{0};
                     const auto timer = std::make_shared<NSCam::NSTavrel::Timer>(
@@ -180,7 +180,7 @@ TEST(MonitorStress, EveryUnitIsConsumedEveryRegistrationUndoneAndNothingLogged) 
                     barrier.signal();
                     lost += !waitUntil([&] { return barrier.calls > passed; });
                     operations += 2;
-                }
+                } while (std::chrono::steady_clock::now() < end);
                 running.monitor->detach(&barrier);
                 operations += 1;
             });

@@ -160,40 +160,36 @@ TEST(Timer, ACallbackMayRestartStopOrDropItsOwnTimer) {
 }
 
 // Periodic timers keep firing however many expire together, and timers disarmed with a
-// period set never come back. Runs 50 rounds, or as many as TAVREL_SOAK_SECONDS allows.
+// period set never come back. Runs a quarter of a second, or TAVREL_SOAK_SECONDS, and each
+// periodic timer must fire again after the first three quarters.
 TEST(TimerLoad, EveryPeriodicTimerKeepsFiringAndNoDisarmedOneRevives) {
     const char* soak = std::getenv("TAVREL_SOAK_SECONDS");
-    const auto end = std::chrono::steady_clock::now() +
-                     std::chrono::seconds(soak != nullptr ? std::stol(soak) : 0);
-    constexpr size_t kPeriodic = 20, kRounds = 50;  // and four disarmed after them
+    const auto duration =
+        soak != nullptr ? std::chrono::milliseconds(std::stol(soak) * 1000) : 250ms;
     std::vector<std::shared_ptr<Timer>> timers;
-    std::vector<std::atomic<uint64_t>> fired(kPeriodic + 4);
+    std::vector<std::atomic<uint64_t>> fired(24);
     const RunningMonitor running;  // stopped before the timers go
     const timespec period{0, 200'000};
     for (size_t i = 0; i < fired.size(); ++i) {
         timers.push_back(makeTimer("load", [&fired, i] { ++fired[i]; }));
         running.monitor->attach(timers[i].get(), int(timers[i]->getEventType()));
-        timers[i]->startTimerAbsoluteTime(i < kPeriodic ? &kLongPast : &kNone, &period);
+        timers[i]->startTimerAbsoluteTime(i < 20 ? &kLongPast : &kNone,
+                                          &period);  // the last four disarmed
     }
-    // Bounded by counts, not by time, so that a busy machine only makes it slower: each round
-    // waits until every periodic timer has fired again; one that stops runs out the guard.
-    std::vector<uint64_t> before(kPeriodic);
-    const auto allFiredAgain = [&] {
-        for (size_t i = 0; i < kPeriodic; ++i)
-            if (fired[i] == before[i]) return false;
+    std::this_thread::sleep_for(duration * 3 / 4);
+    std::vector<uint64_t> atThreeQuarters(fired.begin(), fired.end());
+    std::this_thread::sleep_for(duration / 4);
+    // Counted, not timed: a machine slow enough to miss the last quarter is waited for.
+    waitUntil([&] {
+        for (size_t i = 0; i < 20; ++i)
+            if (fired[i] == atThreeQuarters[i]) return false;
         return true;
-    };
-    size_t rounds = 0;
-    do {
-        std::copy(fired.begin(), fired.begin() + kPeriodic, before.begin());
-    } while (waitUntil(allFiredAgain) &&
-             (++rounds < kRounds || std::chrono::steady_clock::now() < end));
+    });
     uint64_t rearms = 0, stopped = 0, revived = 0;
     for (size_t i = 0; i < fired.size(); ++i) {
         running.monitor->detach(timers[i].get());
         rearms += fired[i];
-        (i < kPeriodic ? stopped : revived) +=
-            i < kPeriodic ? fired[i] == before[i] : fired[i] != 0;
+        (i < 20 ? stopped : revived) += i < 20 ? fired[i] == atThreeQuarters[i] : fired[i] != 0;
     }
     std::printf("[ figures ] timer_load rearms=%lu stopped=%lu revived=%lu\n", rearms, stopped,
                 revived);
