@@ -246,10 +246,18 @@ void RecordingPrinter::printFormatLine(const char* fmt, ...) {
     lines.push_back(text);
 }
 
-Lines dumpOf(const IEpollMonitor& monitor) {
-    RecordingPrinter printer;
-    monitor.dumpState(&printer);
-    return printer.lines;
+std::pair<int, int> descriptorsOf(const IEpollMonitor& monitor) {
+    std::pair<int, int> fds{-1, -1};
+    const std::string line = dumpOf(monitor).at(0);
+    std::sscanf(line.c_str() + line.find(".mEpollFd="), ".mEpollFd=%d .mEventFd=%d", &fds.first,
+                &fds.second);
+    return fds;
+}
+
+Lines crashReport(const char* request, int err) {
+    return {format("F tavrel-crash: varnok: %s err=%d(%s) Please check VarnokKernel.", request,
+                   -err, strerror(err)),
+            "F tavrel-crash: CRDISPATCH_KEY:VarnokKernel"};
 }
 
 RunningMonitor::RunningMonitor(const char* name)

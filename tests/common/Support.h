@@ -156,13 +156,13 @@ std::string bytesOf(const T& object) {
     return std::string(reinterpret_cast<const char*>(&object), sizeof(object));
 }
 
-// Skips the rest of a test where seccomp filters cannot be installed, as under qemu's user
-// mode emulation.
-#define SKIP_WITHOUT_FAULTS()                                                                    \
-    if (uint32_t trap = SECCOMP_RET_TRAP;                                                        \
-        ::syscall(SYS_seccomp, SECCOMP_GET_ACTION_AVAIL, 0, &trap) != 0)                         \
-    GTEST_SKIP() << "seccomp filters cannot be installed here (qemu's user mode refuses them), " \
-                    "so no fault can be put into a system call"
+// Skips the rest of a test where seccomp filters cannot be installed: under valgrind, which
+// does not know the seccomp call (its stage runs the tests that are not death tests).
+#define SKIP_WITHOUT_FAULTS()                                                           \
+    if (uint32_t trap = SECCOMP_RET_TRAP;                                               \
+        ::syscall(SYS_seccomp, SECCOMP_GET_ACTION_AVAIL, 0, &trap) != 0)                \
+    GTEST_SKIP() << "seccomp filters cannot be installed here, so no fault can be put " \
+                    "into a system call"
 
 // Leaves this process `spare` descriptor numbers more to make, all others taken. Makes a
 // virtual call on the unified logger first: UBSan checks an object's type the first time
@@ -180,7 +180,19 @@ public:
     Lines lines;
 };
 
-Lines dumpOf(const IEpollMonitor& monitor);
+// What a monitor or a timer dumps.
+template <typename T>
+Lines dumpOf(const T& object) {
+    RecordingPrinter printer;
+    object.dumpState(&printer);
+    return printer.lines;
+}
+
+// A monitor's epoll and event descriptors, as its dump shows them.
+std::pair<int, int> descriptorsOf(const IEpollMonitor& monitor);
+
+// A driver request's crash report: a message of two lines, each with its own header.
+Lines crashReport(const char* request, int err);
 
 // Sets (or with null unsets) a property for the object's life.
 struct ScopedProperty {

@@ -88,8 +88,7 @@ TEST(Registry, ASeededWalkKeepsTheKernelSetInStepWithAModel) {
     SCOPED_TRACE("TAVREL_SEED=" + std::to_string(seed));
     std::mt19937 random(seed);
     const auto monitor = IEpollMonitor::make("walk");
-    const std::string first = dumpOf(*monitor).at(0);
-    const int epollFd = std::stoi(first.substr(first.find(".mEpollFd=") + 10));
+    const int epollFd = descriptorsOf(*monitor).first;
     const std::set<std::string> own = kernelSet(epollFd);  // the monitor's eventfd alone
     std::vector<std::unique_ptr<EventObserver>> pool(6);
     for (auto& observer : pool) observer = std::make_unique<EventObserver>();

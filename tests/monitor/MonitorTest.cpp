@@ -9,14 +9,6 @@ namespace {
 constexpr int kNotGiven = IThreadLoop::ReadyToRun::kNotGiven;
 constexpr const char* kBadFd = "err=-9(Bad file descriptor)";
 
-std::pair<int, int> descriptorsOf(const IEpollMonitor& monitor) {
-    std::pair<int, int> fds{-1, -1};
-    const std::string line = dumpOf(monitor).at(0);
-    std::sscanf(line.c_str() + line.find(".mEpollFd="), ".mEpollFd=%d .mEventFd=%d", &fds.first,
-                &fds.second);
-    return fds;
-}
-
 std::string config(const IEpollMonitor& m) {
     return format("{ %s .mEpollFd=%d .mEventFd=%d }", m.getName().c_str(), descriptorsOf(m).first,
                   descriptorsOf(m).second);
@@ -60,14 +52,9 @@ Seen runScenario() {
         self->onEvent({monitor.get(), uint32_t(events)});
     monitor->detach(&observer);
     const auto [epollFd, eventFd] = descriptorsOf(*monitor);
-    return {config(*monitor),
-            format("%p", static_cast<void*>(monitor.get())),
-            format("%p", static_cast<void*>(self.get())),
-            format("%p", static_cast<void*>(&observer)),
-            entry(observer),
-            epollFd,
-            eventFd,
-            observer.getEventFD()};
+    const auto at = [](const void* p) { return format("%p", p); };
+    return {config(*monitor), at(monitor.get()), at(self.get()), at(&observer),
+            entry(observer),  epollFd,           eventFd,        observer.getEventFD()};
 }
 
 TEST(MonitorLife, EachStepLogsItsLineWithTheDumps) {
@@ -120,22 +107,16 @@ TEST(MonitorLife, EachStepIsTracedUnderItsOwnCategoryBit) {
                            std::regex("\n *"), "");
     std::istringstream steps(std::regex_replace(text, std::regex("@"), std::to_string(s.fd)));
     std::vector<std::pair<int, std::string>> markers;
-    for (std::string step; std::getline(steps, step, ';');) {
+    for (std::string step; std::getline(steps, step, ';');)
         markers.push_back({std::stoi(step), step.substr(step.find(':') + 1)});
-    }
-    const uint64_t all = ~uint64_t{0};
     // -1: every category; -2: every category but no camera tag; -3: no category, every tag.
+    const uint64_t all = ~uint64_t{0}, bits[] = {all, all, 0}, tags[] = {0x400, ~0x400ul, all};
     for (const int bit : {-1, -2, -3, 0, 1, 4, 10, 12, 13, 14, 36, 37}) {
         Lines expected;
-        for (const auto& [markerBit, marker] : markers) {
+        for (const auto& [markerBit, marker] : markers)
             if (bit == -1 || markerBit == bit) expected.push_back(marker);
-        }
-        const TraceCapture trace(bit == -3 ? 0
-                                 : bit < 0 ? all
-                                           : uint64_t{1} << bit,
-                                 bit == -2   ? ~uint64_t{0x400}
-                                 : bit == -3 ? all
-                                             : 0x400);
+        const TraceCapture trace(bit < 0 ? bits[-1 - bit] : uint64_t{1} << bit,
+                                 bit < 0 ? tags[-1 - bit] : 0x400);
         runScenario();
         EXPECT_EQ(trace.markers(), expected) << "bit " << bit;
     }

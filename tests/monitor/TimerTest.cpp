@@ -33,8 +33,7 @@ itimerspec settingOf(const Timer& timer) {
 }
 
 bool disarmed(const Timer& timer) {
-    const itimerspec s = settingOf(timer);
-    return s.it_value.tv_sec == 0 && s.it_value.tv_nsec == 0;
+    return settingOf(timer).it_value.tv_sec == 0 && settingOf(timer).it_value.tv_nsec == 0;
 }
 
 std::shared_ptr<Timer> makeTimer(
@@ -51,9 +50,7 @@ TEST(Timer, NameDumpMaskAndVerboseLinesAsTheLogvPropertyOfItsConstructionSays) {
         const std::string name = given != nullptr ? std::string("Timer-") + given : "Timer-?";
         const std::string text =
             format("{ %s .fd=%d .event=80000001 }", name.c_str(), timer->getEventFD());
-        RecordingPrinter printer;
-        timer->dumpState(&printer);
-        EXPECT_EQ(Lines({timer->getEventName(), timer->toString()}) + printer.lines,
+        EXPECT_EQ(Lines({timer->getEventName(), timer->toString()}) + dumpOf(*timer),
                   Lines({name, text, text}));
         EXPECT_EQ(timer->getEventType(), uint32_t(EPOLLIN | EPOLLET));
         const LogCapture capture;

@@ -14,13 +14,6 @@ constexpr int kIova = int(0xC0104D01u);  // made up: any request passes through
 
 using namespace std::chrono_literals;
 
-// A request's crash report: a message of two lines, each with its own header in the log.
-Lines report(const char* request, int err) {
-    return {format("F tavrel-crash: varnok: %s err=%d(%s) Please check VarnokKernel.", request,
-                   -err, strerror(err)),
-            "F tavrel-crash: CRDISPATCH_KEY:VarnokKernel"};
-}
-
 // Runs `call` with only trace category `bit` on (all of them for -1), markers on stderr.
 void traced(int bit, const std::function<void()>& call) {
     host::setTraceSink(
@@ -70,7 +63,7 @@ TEST(DriverDeathTest, EveryFailedRequestIsLoggedReportedAndEndsTheService) {
             traced(row.bit, row.call), testing::ExitedWithCode(70),
             entriesAre(trace +
                        Lines{"E tavrel-syscall: " + format(row.line, n, strerror(row.err))} +
-                       report(row.request, row.err)));
+                       crashReport(row.request, row.err)));
     }
 }
 
@@ -154,7 +147,7 @@ TEST(DurationCheck, MeasuredOnlyWithVerboseDetailsAtLoadAndNoCameraLogLevelBelow
                 failed = both("E", "QueueVideoNodeBuf",
                               "ioctl(102, VIDIOC_QBUF): -5(" + std::string(strerror(EIO)) + ")",
                               " (QueueVideoNodeBuf){#N:src/utils/sys/SystemCall}") +
-                         report("VIDIOC_QBUF", EIO);
+                         crashReport("VIDIOC_QBUF", EIO);
     // Details level, then camera log level (empty: unset), then whether requests are timed.
     // clang-format off
     for (const auto& [details, level, measured] : {std::make_tuple("4", "", true), {"3", "", false},

@@ -92,13 +92,11 @@ public:
 
 TEST(FatalReportDeathTest, UnifiedLineAndFlushBeforeTheAssertionWhateverTheDetails) {
     const Lines assertion = {"[x] Bad fd:-1 (fn){#N:tests/sys/LogTest}",
-                             "F tavrel-test: [x] Bad fd:-1 (fn){#N:tests/sys/LogTest}"};
-    Lines unified = {"unified 0x8002001 tavrel-test 1 13 [x] Bad fd:-1", "flush 1"};
-    unified.insert(unified.end(), assertion.begin(), assertion.end());
-    EXPECT_DEATH(reportBadFd(2), entriesAre(unified));
-    EXPECT_DEATH(reportBadFd(8), entriesAre(unified));
-    EXPECT_DEATH(reportBadFd(1), entriesAre(assertion));
-    EXPECT_DEATH(reportBadFd(0), entriesAre(assertion));
+                             "F tavrel-test: [x] Bad fd:-1 (fn){#N:tests/sys/LogTest}"},
+                unified = Lines{"unified 0x8002001 tavrel-test 1 13 [x] Bad fd:-1", "flush 1"} +
+                          assertion;
+    for (const uint32_t mode : {2, 8, 1, 0})
+        EXPECT_DEATH(reportBadFd(mode), entriesAre(mode >= 2 ? unified : assertion)) << mode;
 }
 
 // What one printer wrote: its Android-log entries, then its unified lines.
