@@ -254,6 +254,13 @@ std::pair<int, int> descriptorsOf(const IEpollMonitor& monitor) {
     return fds;
 }
 
+std::string epollCtlError(const std::string& op, int epollFd, int fd, const std::string& err) {
+    std::string upper = op;
+    for (char& c : upper) c = char(std::toupper(c));
+    return format("[EPollCtl%s] epoll_ctl(%d, EPOLL_CTL_%s, %d) return -1: %s", op.c_str(), epollFd,
+                  upper.c_str(), fd, err.c_str());
+}
+
 Lines crashReport(const char* request, int err) {
     return {format("F tavrel-crash: varnok: %s err=%d(%s) Please check VarnokKernel.", request,
                    -err, strerror(err)),

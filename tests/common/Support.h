@@ -191,6 +191,9 @@ Lines dumpOf(const T& object) {
 // A monitor's epoll and event descriptors, as its dump shows them.
 std::pair<int, int> descriptorsOf(const IEpollMonitor& monitor);
 
+// The wrapper's error text when epoll_ctl refuses operation `op` ("Add", "Mod" or "Del").
+std::string epollCtlError(const std::string& op, int epollFd, int fd, const std::string& err);
+
 // A driver request's crash report: a message of two lines, each with its own header.
 Lines crashReport(const char* request, int err);
 

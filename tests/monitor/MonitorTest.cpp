@@ -8,6 +8,7 @@ namespace {
 
 constexpr int kNotGiven = IThreadLoop::ReadyToRun::kNotGiven;
 constexpr const char* kBadFd = "err=-9(Bad file descriptor)";
+const std::string kSys = "E tavrel-syscall: ";
 
 std::string config(const IEpollMonitor& m) {
     return format("{ %s .mEpollFd=%d .mEventFd=%d }", m.getName().c_str(), descriptorsOf(m).first,
@@ -155,10 +156,8 @@ TEST(Registry, AnObserverWhoseDescriptorIsClosedIsRemovedAndLogged) {
     const LogCapture capture;
     monitor->detach(&c);
     const int e = descriptorsOf(*monitor).first, fd = c.getEventFD();
-    EXPECT_EQ(capture.texts(),
-              (Lines{format("[EPollCtlDel] epoll_ctl(%d, EPOLL_CTL_DEL, %d) return -1: %s", e, fd,
-                            kBadFd),
-                     format("[operator()] EPOLL_CTL_DEL fd=%d %s", fd, kBadFd)}));
+    EXPECT_EQ(capture.texts(), (Lines{epollCtlError("Del", e, fd, kBadFd),
+                                      format("[operator()] EPOLL_CTL_DEL fd=%d %s", fd, kBadFd)}));
     EXPECT_EQ(dumpOf(*monitor), (Lines{"P2DrvEP-r: logv:0 " + config(*monitor),
                                        "    " + runtime(1, 1, 1, format(" detach=[ %d ]", fd))}));
 }
@@ -231,23 +230,17 @@ TEST(MonitorDeathTest, MisuseDumpsTheStateToTheErrorLogThenEnds) {
                                    runtime(2, 0, 1, " attach=[ " + entry(a) + " ]"), "attach")));
     monitor->detach(&a);
     // A regular file cannot be watched; its entry keeps what was being attached.
-    EXPECT_DEATH(
-        monitor->attach(&file, EPOLLIN),
-        entriesAre(misuse(
-            *monitor,
-            {format("E tavrel-syscall: [EPollCtlAdd] epoll_ctl(%d, EPOLL_CTL_ADD, %d) return "
-                    "-1: err=-1(Operation not permitted)",
-                    e, file.fd),
-             tag + entry(file) + " has existed"},
-            runtime(2, 1, 1, " attach=[ " + entry(file) + " ]" + aGone), "attach")));
-    EXPECT_DEATH(
-        monitor->modify(&a, EPOLLIN),
-        entriesAre(misuse(
-            *monitor,
-            {format("E tavrel-syscall: [EPollCtlMod] epoll_ctl(%d, EPOLL_CTL_MOD, %d) return "
-                    "-1: err=-2(No such file or directory)",
-                    e, a.getEventFD())},
-            runtime(1, 1, 1, aGone), "modify")));
+    EXPECT_DEATH(monitor->attach(&file, EPOLLIN),
+                 entriesAre(misuse(
+                     *monitor,
+                     {kSys + epollCtlError("Add", e, file.fd, "err=-1(Operation not permitted)"),
+                      tag + entry(file) + " has existed"},
+                     runtime(2, 1, 1, " attach=[ " + entry(file) + " ]" + aGone), "attach")));
+    EXPECT_DEATH(monitor->modify(&a, EPOLLIN),
+                 entriesAre(misuse(*monitor,
+                                   {kSys + epollCtlError("Mod", e, a.getEventFD(),
+                                                         "err=-2(No such file or directory)")},
+                                   runtime(1, 1, 1, aGone), "modify")));
     const auto other = IEpollMonitor::make("f");  // its map gets an entry for what it never had
     EXPECT_DEATH(other->detach(&file),
                  entriesAre(misuse(*other, {tag + entry(file) + " not found"},
@@ -266,26 +259,22 @@ TEST(MonitorDeathTest, BrokenLoopsAndDescriptorsThatCannotBeMadeOrRegisteredEndT
     const char* m = "EpollMonitor";
     EXPECT_DEATH(loop->threadLoop(),
                  entriesAre(fatal({}, m, "handleEvents", "[handleEvents] Bad observer")));
+    const std::string wait =
+        format("[EPollWait] epoll_wait(%d, maxevents=64, timeout=-1) return -1: %s", e, kBadFd);
     EXPECT_DEATH(
         (host::setFdsanReaction(host::FdsanReaction::kOff), ::close(e), loop->threadLoop()),
-        entriesAre(
-            fatal({format("E tavrel-syscall: [EPollWait] epoll_wait(%d, maxevents=64, timeout=-1) "
-                          "return -1: %s",
-                          e, kBadFd)},
-                  m, "tryEpoll", std::string("[tryEpoll] ") + kBadFd)));
+        entriesAre(fatal({kSys + wait}, m, "tryEpoll", std::string("[tryEpoll] ") + kBadFd)));
     const std::string tooMany = " return -1: err=-24(Too many open files)";
     EXPECT_DEATH((limitDescriptors(0), IEpollMonitor::make("c")),
-                 entriesAre(fatal({"E tavrel-syscall: [EPollCreate] epoll_create()" + tooMany}, m,
-                                  m, "[EpollMonitor] Failed on create epoll fd:-24")));
+                 entriesAre(fatal({kSys + "[EPollCreate] epoll_create()" + tooMany}, m, m,
+                                  "[EpollMonitor] Failed on create epoll fd:-24")));
     EXPECT_DEATH((limitDescriptors(1), IEpollMonitor::make("c")),
-                 entriesAre(fatal({"E tavrel-syscall: [EventFD] eventfd(0, 0x80800)" + tooMany}, m,
-                                  m, "[EpollMonitor] Failed on create event fd:-24")));
-    EXPECT_DEATH(
-        Timer("t", -1, [] {}),
-        entriesAre(
-            fatal({"E tavrel-syscall: [TimerFDCreate] timerfd_create() return -1: err=-22(Invalid "
-                   "argument)"},
-                  "Timer", "Timer", "[Timer] Bad fd:-22")));
+                 entriesAre(fatal({kSys + "[EventFD] eventfd(0, 0x80800)" + tooMany}, m, m,
+                                  "[EpollMonitor] Failed on create event fd:-24")));
+    const std::string badClock =
+        kSys + "[TimerFDCreate] timerfd_create() return -1: err=-22(Invalid argument)";
+    EXPECT_DEATH(Timer("t", -1, [] {}),
+                 entriesAre(fatal({badClock}, "Timer", "Timer", "[Timer] Bad fd:-22")));
     EXPECT_DEATH(Timer("t", CLOCK_MONOTONIC, nullptr),
                  entriesAre(fatal({}, "Timer", "Timer", "[Timer] Bad mNotifyTimeout")));
     // A Timer that no shared_ptr owns cannot keep itself alive through its callback.
@@ -296,10 +285,8 @@ TEST(MonitorDeathTest, BrokenLoopsAndDescriptorsThatCannotBeMadeOrRegisteredEndT
     EXPECT_DEATH(
         (monitor.reset(), loop.reset(), inject(SYS_epoll_ctl, 1, EPOLL_CTL_ADD, ENOSPC),
          IEpollMonitor::make("b")),
-        entriesAre(fatal({format("E tavrel-syscall: [EPollCtlAdd] epoll_ctl(%d, EPOLL_CTL_ADD, %d) "
-                                 "return -1: err=-28(No space left on device)",
-                                 e, v)},
-                         m, m, format("[EpollMonitor] EPOLL_CTL_ADD event fd:%d - red:-28", v))));
+        entriesAre(fatal({kSys + epollCtlError("Add", e, v, "err=-28(No space left on device)")}, m,
+                         m, format("[EpollMonitor] EPOLL_CTL_ADD event fd:%d - red:-28", v))));
 }
 
 // Descriptor 0 is a descriptor like any other: made, tagged, used and closed as such.

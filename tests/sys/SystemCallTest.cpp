@@ -80,14 +80,12 @@ TEST(SystemCall, EachWrapperHasItsResultErrorLineAndTraceSection) {
     EXPECT_CALL_GIVES(0, EPollCreate, (0, kOwner), -22, "[EPollCreate] epoll_create() " + invalid);
     EXPECT_CALL_GIVES(0, TimerFDCreate, (-1, 0, kOwner), -22,
                       "[TimerFDCreate] timerfd_create() " + invalid);
-    const auto ctl = [&](const char* name, const char* op, int fd, const std::string& err) {
-        return format("[EPollCtl%s] epoll_ctl(%d, EPOLL_CTL_%s, %d) return -1: err=%s", name, e, op,
-                      fd, err.c_str());
-    };
     EXPECT_CALL_GIVES(1, EPollCtlAdd, (e, a, &event), -17,
-                      ctl("Add", "ADD", a, "-17(File exists)"));
-    EXPECT_CALL_GIVES(1, EPollCtlMod, (e, o, &event), -2, ctl("Mod", "MOD", o, enoent));
-    EXPECT_CALL_GIVES(1, EPollCtlDel, (e, o, nullptr), -2, ctl("Del", "DEL", o, enoent));
+                      epollCtlError("Add", e, a, "err=-17(File exists)"));
+    EXPECT_CALL_GIVES(1, EPollCtlMod, (e, o, &event), -2,
+                      epollCtlError("Mod", e, o, "err=" + enoent));
+    EXPECT_CALL_GIVES(1, EPollCtlDel, (e, o, nullptr), -2,
+                      epollCtlError("Del", e, o, "err=" + enoent));
     EXPECT_CALL_GIVES(1, EPollWait, (-1, ready, 4, 0), -9,
                       "[EPollWait] epoll_wait(-1, maxevents=4, timeout=0) " + badFd);
     EXPECT_CALL_GIVES(1, EPollWait, (e, ready, 4, 0), 0);
