@@ -14,6 +14,11 @@ constexpr int kIova = int(0xC0104D01u);  // made up: any request passes through
 
 using namespace std::chrono_literals;
 
+// What the requests are handed: no driver ever reads them.
+v4l2_buffer buffer{};
+v4l2_event event{};
+int arg = 0;
+
 // Runs `call` with only trace category `bit` on (all of them for -1), markers on stderr.
 void traced(int bit, const std::function<void()>& call) {
     host::setTraceSink(
@@ -27,9 +32,6 @@ void traced(int bit, const std::function<void()>& call) {
 TEST(DriverDeathTest, EveryFailedRequestIsLoggedReportedAndEndsTheService) {
     const UniqueFd fd(::eventfd(0, EFD_CLOEXEC));
     const int n = fd.get();
-    v4l2_buffer buffer{};
-    v4l2_event event{};
-    int arg = 0;
     // Trace bit and section (-1: all bits, no section), reported request, error line, errno.
     // clang-format off
     const struct { int bit; const char *section, *request, *line; int err; std::function<void()> call; } rows[] = {
@@ -70,9 +72,6 @@ TEST(DriverDeathTest, EveryFailedRequestIsLoggedReportedAndEndsTheService) {
 TEST(DriverCall, RoutineAnswersPassSilentlyAndAnAllocatedRequestIsTagged) {
     SKIP_WITHOUT_FAULTS();
     const UniqueFd request(::eventfd(0, EFD_CLOEXEC));
-    v4l2_buffer buffer{};
-    v4l2_event event{};
-    int arg = 0;
     // By descriptor: no finished buffer on a non-blocking node; 5, which only a negative
     // result fails; 0; a new request. The results, then whether the request was tagged.
     EXPECT_EXIT(
@@ -122,7 +121,6 @@ TEST(DriverCall, RunningOutOfDescriptorsListsTheOpenOnesAtInfoLevel) {
 // Run by the next test in a child: two requests that take 3 ms, on descriptors 100 and 102,
 // the second failing.
 TEST(DurationCheck, DISABLED_SlowRequests) {
-    v4l2_buffer buffer{};
     inject(SYS_ioctl, 0, 100, 0, 0, 3ms);
     inject(SYS_ioctl, 0, 102, 0, -EIO, 3ms);
     System::QueueMediaRequest(100);
