@@ -34,6 +34,9 @@ run_preset tsan
 stage "arm64: the library and the suite, cross-built for 64-bit Arm, pass under qemu user-mode emulation"
 run_preset arm64
 
+stage "budget: the hot path keeps its instruction budgets (callgrind, the bench preset)"
+scripts/budget.sh
+
 stage "valgrind: no invalid access, uninitialised read or leak in any test program's non-death tests"
 cmake --preset default >/dev/null
 cmake --build --preset default
