@@ -60,14 +60,9 @@ Seen runScenario() {
         self->onEvent({monitor.get(), uint32_t(events)});
     monitor->detach(&observer);
     const auto [epollFd, eventFd] = descriptorsOf(*monitor);
-    return {config(*monitor),
-            format("%p", static_cast<void*>(monitor.get())),
-            format("%p", static_cast<void*>(self.get())),
-            format("%p", static_cast<void*>(&observer)),
-            entry(observer),
-            epollFd,
-            eventFd,
-            observer.getEventFD()};
+    const auto at = [](const void* p) { return format("%p", p); };
+    return {config(*monitor), at(monitor.get()), at(self.get()), at(&observer),
+            entry(observer),  epollFd,           eventFd,        observer.getEventFD()};
 }
 
 TEST(MonitorLife, EachStepLogsItsLineWithTheDumps) {
@@ -130,12 +125,8 @@ TEST(MonitorLife, EachStepIsTracedUnderItsOwnCategoryBit) {
         for (const auto& [markerBit, marker] : markers) {
             if (bit == -1 || markerBit == bit) expected.push_back(marker);
         }
-        const TraceCapture trace(bit == -3 ? 0
-                                 : bit < 0 ? all
-                                           : uint64_t{1} << bit,
-                                 bit == -2   ? ~uint64_t{0x400}
-                                 : bit == -3 ? all
-                                             : 0x400);
+        const uint64_t bits = bit == -3 ? 0 : bit < 0 ? all : uint64_t{1} << bit;
+        const TraceCapture trace(bits, bit == -2 ? ~uint64_t{0x400} : bit == -3 ? all : 0x400);
         runScenario();
         EXPECT_EQ(trace.markers(), expected) << "bit " << bit;
     }

@@ -95,10 +95,8 @@ TEST(FatalReportDeathTest, UnifiedLineAndFlushBeforeTheAssertionWhateverTheDetai
                              "F tavrel-test: [x] Bad fd:-1 (fn){#N:tests/sys/LogTest}"};
     Lines unified = {"unified 0x8002001 tavrel-test 1 13 [x] Bad fd:-1", "flush 1"};
     unified.insert(unified.end(), assertion.begin(), assertion.end());
-    EXPECT_DEATH(reportBadFd(2), entriesAre(unified));
-    EXPECT_DEATH(reportBadFd(8), entriesAre(unified));
-    EXPECT_DEATH(reportBadFd(1), entriesAre(assertion));
-    EXPECT_DEATH(reportBadFd(0), entriesAre(assertion));
+    for (const uint32_t mode : {2u, 8u, 1u, 0u})
+        EXPECT_DEATH(reportBadFd(mode), entriesAre(mode > 1 ? unified : assertion));
 }
 
 // What one printer wrote: its Android-log entries, then its unified lines.
@@ -129,10 +127,8 @@ TEST(ULogPrinter, LevelAndModuleGatesThenEachRouteBySwitch) {
     for (const auto& row : rows) {
         Lines expected;
         if (row.android) expected = {"W tavrel-p: pre:a", "W tavrel-p: pre:b2"};
-        for (const char* text : {"1 a", "2 b2"}) {
-            if (row.unified)
-                expected.push_back(format("%u tavrel-p 0x8002001 %s", row.level, text));
-        }
+        for (const char* t : {"1 a", "2 b2"})
+            if (row.unified) expected.push_back(format("%u tavrel-p 0x8002001 %s", row.level, t));
         EXPECT_EQ(printed(row.switches, row.level, "tavrel-p",
                           [](auto& p) {
                               p.printLine("a");
