@@ -360,7 +360,8 @@ int AllocMediaRequest(int mediaFd, unsigned long owner) {
     int requestFd = -1;
     static constexpr Rule kRule{
         __func__,         Trace::kMediaAlloc, "MEDIA_IOC_REQUEST_ALLOC",
-        Fails::kNegative, kNoRoutineErrno,    TAVREL_DRIVER_FORMAT("MEDIA_IOC_REQUEST_ALLOC")};
+        Fails::kNegative, kNoRoutineErrno,    TAVREL_DRIVER_FORMAT("MEDIA_IOC_REQUEST_ALLOC"),
+    };
     const int result = checked(
         kRule, [&] { return ::ioctl(mediaFd, MEDIA_IOC_REQUEST_ALLOC, &requestFd); },
         [=](const char* fn, int result, int err) {
@@ -372,9 +373,10 @@ int AllocMediaRequest(int mediaFd, unsigned long owner) {
 }
 
 int ReinitMediaRequest(int requestFd) {
-    static constexpr Rule kRule{__func__,        Trace::kNone,
-                                nullptr,         Fails::kNegative,
-                                kNoRoutineErrno, TAVREL_DRIVER_FORMAT("MEDIA_REQUEST_IOC_REINIT")};
+    static constexpr Rule kRule{
+        __func__,         Trace::kNone,    nullptr,
+        Fails::kNegative, kNoRoutineErrno, TAVREL_DRIVER_FORMAT("MEDIA_REQUEST_IOC_REINIT"),
+    };
     return zeroOnSuccess(checked(
         kRule, [=] { return ::ioctl(requestFd, MEDIA_REQUEST_IOC_REINIT, nullptr); },
         [=](const char* fn, int, int err) {
@@ -386,7 +388,8 @@ int ReinitMediaRequest(int requestFd) {
 int QueueMediaRequest(int requestFd) {
     static constexpr Rule kRule{
         __func__,        Trace::kMediaQueue, "MEDIA_REQUEST_IOC_QUEUE",
-        Fails::kNonZero, kNoRoutineErrno,    TAVREL_DRIVER_FORMAT("MEDIA_REQUEST_IOC_QUEUE")};
+        Fails::kNonZero, kNoRoutineErrno,    TAVREL_DRIVER_FORMAT("MEDIA_REQUEST_IOC_QUEUE"),
+    };
     return zeroOnSuccess(checked(
         kRule,
         [=] {
@@ -404,9 +407,10 @@ int QueueMediaRequest(int requestFd) {
 }
 
 int QueueVideoNodeBuf(int fd, void* buffer) {
-    static constexpr Rule kRule{__func__,        Trace::kQueueBuf,
-                                "VIDIOC_QBUF",   Fails::kNonZero,
-                                kNoRoutineErrno, TAVREL_DRIVER_FORMAT("VIDIOC_QBUF")};
+    static constexpr Rule kRule{
+        __func__,        Trace::kQueueBuf, "VIDIOC_QBUF",
+        Fails::kNonZero, kNoRoutineErrno,  TAVREL_DRIVER_FORMAT("VIDIOC_QBUF"),
+    };
     return zeroOnSuccess(checked(
         kRule,
         [=] {
@@ -424,9 +428,10 @@ int QueueVideoNodeBuf(int fd, void* buffer) {
 
 int DQueueVideoNodeBuf(int fd, void* buffer) {
     // EAGAIN: a non-blocking node has no finished buffer yet, which is routine.
-    static constexpr Rule kRule{__func__,       Trace::kDispatch,
-                                "VIDIOC_DQBUF", Fails::kNonZero,
-                                EAGAIN,         TAVREL_DRIVER_FORMAT("VIDIOC_DQBUF")};
+    static constexpr Rule kRule{
+        __func__,        Trace::kDispatch, "VIDIOC_DQBUF",
+        Fails::kNonZero, EAGAIN,           TAVREL_DRIVER_FORMAT("VIDIOC_DQBUF"),
+    };
     return zeroOnSuccess(checked(
         kRule, [=] { return ::ioctl(fd, VIDIOC_DQBUF, buffer); },
         [=](const char* fn, int, int err) {
@@ -435,9 +440,10 @@ int DQueueVideoNodeBuf(int fd, void* buffer) {
 }
 
 int DQueueEvent(int fd, void* event) {
-    static constexpr Rule kRule{__func__,         Trace::kDQueueEvent,
-                                "VIDIOC_DQEVENT", Fails::kNegative,
-                                kNoRoutineErrno,  TAVREL_DRIVER_FORMAT("VIDIOC_DQEVENT")};
+    static constexpr Rule kRule{
+        __func__,         Trace::kDQueueEvent, "VIDIOC_DQEVENT",
+        Fails::kNegative, kNoRoutineErrno,     TAVREL_DRIVER_FORMAT("VIDIOC_DQEVENT"),
+    };
     return zeroOnSuccess(checked(
         kRule, [=] { return ::ioctl(fd, VIDIOC_DQEVENT, event); },
         [=](const char* fn, int, int err) {
@@ -447,9 +453,10 @@ int DQueueEvent(int fd, void* event) {
 }
 
 int AddIova(int fd, int request, void* arg) {
-    static constexpr Rule kRule{__func__,        Trace::kStatIoctl,
-                                nullptr,         Fails::kNegative,
-                                kNoRoutineErrno, TAVREL_DRIVER_FORMAT("ZELDIP_IOC_ADD_IOVA")};
+    static constexpr Rule kRule{
+        __func__,         Trace::kStatIoctl, nullptr,
+        Fails::kNegative, kNoRoutineErrno,   TAVREL_DRIVER_FORMAT("ZELDIP_IOC_ADD_IOVA"),
+    };
     return zeroOnSuccess(checked(
         kRule, [=] { return ::ioctl(fd, requestNumber(request), arg); },
         [=](const char* fn, int, int err) {
@@ -459,9 +466,10 @@ int AddIova(int fd, int request, void* arg) {
 }
 
 int DelIova(int fd, int request, void* arg) {
-    static constexpr Rule kRule{__func__,        Trace::kStatIoctl,
-                                nullptr,         Fails::kNegative,
-                                kNoRoutineErrno, TAVREL_DRIVER_FORMAT("ZELDIP_IOC_DEL_IOVA")};
+    static constexpr Rule kRule{
+        __func__,         Trace::kStatIoctl, nullptr,
+        Fails::kNegative, kNoRoutineErrno,   TAVREL_DRIVER_FORMAT("ZELDIP_IOC_DEL_IOVA"),
+    };
     return zeroOnSuccess(checked(
         kRule, [=] { return ::ioctl(fd, requestNumber(request), arg); },
         [=](const char* fn, int, int err) {
