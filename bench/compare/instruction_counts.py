@@ -20,7 +20,8 @@ MAX_WRAPPER_INSTRUCTIONS = 25
 # Each wrapper and the libc function it calls.
 WRAPPED_CALLS = {"EPollWait": "epoll_wait", "Write": "write", "Read": "read", "Ioctl": "ioctl"}
 # The dispatch's test that skips entries detached within their batch: at most this many
-# instructions per callback at A = 1, counted on its source line.
+# instructions per callback at A = 1, counted on its source line, found by its text (a line
+# not found fails the check: keep the text here in step with the code).
 MAX_SKIP_INSTRUCTIONS = 3
 SKIP_FILE = "utils/sys/EpollMonitor.cpp"
 SKIP_LINE = "== &sDetachedEntry) continue;"
