@@ -237,8 +237,9 @@ void EpollMonitor::skipInBatch(IEventObserver* observer) {
 
 IEventObserver* EpollMonitor::removeFromRegistry(int fd) {
     // A removal the kernel refuses (the owner closed the descriptor first, say) is only
-    // logged: the registration is gone either way. Kept for the stack: the removal runs in a
-    // function object, whose name its error line shows ("operator()").
+    // logged: the registration is gone either way.
+    // Kept for the stack: the removal runs in a function object, whose name its error line
+    // shows ("operator()").
     const auto removeFromEpoll = [this](int removedFd) {
         const int err = System::EPollCtlDel(mEpollFd.get(), removedFd, nullptr);
         if (err < 0) {
@@ -248,8 +249,9 @@ IEventObserver* EpollMonitor::removeFromRegistry(int fd) {
     };
     Trace::Section section(Trace::kDetach, "fetch observer");
     MutexLock lock(mFdObserverMapLock);
-    // Found by descriptor alone. Kept for the stack: an unknown one is left behind as a null
-    // entry, which the dump before the fatal report shows.
+    // Found by descriptor alone.
+    // Kept for the stack: an unknown one is left behind as a null entry, which the dump
+    // before the fatal report shows.
     IEventObserver*& entry = mFdObserverMap[fd];
     IEventObserver* const removed = std::exchange(entry, nullptr);
     if (removed != nullptr) removeFromEpoll(fd);

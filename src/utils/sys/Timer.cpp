@@ -40,9 +40,9 @@ constexpr uint32_t kEvents = EPOLLIN | EPOLLET;
 constexpr int kRelative = 0;
 
 // What the standard library does, without exception support, where it would throw: it
-// says what would have been thrown and aborts. Kept for the stack: the message names an
-// exception although none is thrown; it is spelled out here so that every standard library
-// prints the same words.
+// says what would have been thrown and aborts.
+// Kept for the stack: the message names an exception although none is thrown; it is spelled
+// out here so that every standard library prints the same words.
 [[noreturn]] void abortAsThrown(const char* exception) {
     std::fprintf(stderr, "%s was thrown in -fno-exceptions mode\n", exception);
     std::fflush(stderr);
