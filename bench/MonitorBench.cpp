@@ -16,7 +16,7 @@
 #include <memory>
 #include <vector>
 
-#include "tavrel/ThreadDriver.h"
+#include "tavrel/platform/ThreadDriver.h"
 #include "tavrel/platform/UniqueFd.h"
 #include "utils/sys/EpollMonitor.h"
 

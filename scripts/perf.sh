@@ -3,9 +3,8 @@
 # the release configuration with the benchmarks and the comparison (the bench preset, in
 # build/bench), then measures in one sitting
 #   - the event-loop comparison (raw epoll, EpollMonitor, libevent, libev, libuv),
-#   - the same workload's instructions per callback under callgrind,
-#   - each hot-path trick's gain in instructions: the library rebuilt with each patch under
-#     bench/ablation/ (one takes a trick out, or puts a dropped one back) and counted again,
+#   - the same workload's instructions per callback under callgrind, and the wrappers'
+#     instructions over their bare calls (the figures scripts/budget.sh holds to budgets),
 #   - Timer wake-up latency against a bare timerfd loop and cyclictest, all three memory-
 #     locked with /dev/cpu_dma_latency held at 0, at normal priority and, where this
 #     machine grants it, at SCHED_FIFO,
@@ -19,6 +18,7 @@
 #   scripts/perf.sh [--full] [--blocks N] [--rounds N] [--timer-runs N]
 set -euo pipefail
 source "$(dirname "$0")/lib/packages.sh"
+source "$(dirname "$0")/lib/callgrind.sh"
 cd "$(dirname "$0")/.."
 
 blocks=20
@@ -35,14 +35,14 @@ while (($#)); do
     --blocks) blocks="$2"; shift ;;
     --rounds) rounds="$2"; shift ;;
     --timer-runs) timer_runs="$2"; shift ;;
-    -h|--help) sed -n '2,19p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,18p' "$0"; exit 0 ;;
     *) echo "perf: unknown argument $1" >&2; exit 2 ;;
   esac
   shift
 done
 
 # What the measurements need beyond the build itself, from Debian's packages.
-readonly PERF_PACKAGES=(libevent-dev libev-dev libuv1-dev valgrind rt-tests gnuplot-nox python3 patch)
+readonly PERF_PACKAGES=(libevent-dev libev-dev libuv1-dev valgrind rt-tests gnuplot-nox python3)
 scripts/setup.sh --build-only
 ensure_packages perf "${PERF_PACKAGES[@]}"
 
@@ -100,78 +100,19 @@ head -1 /proc/stat >"$out/compare.stat"
   --blocks-csv="$out/compare-blocks.csv" | tee "$out/compare.txt"
 head -1 /proc/stat >>"$out/compare.stat"
 
-# count_callbacks BASE BACKEND ACTIVE: the timed rounds of one backend under callgrind, with
-# N = 1000 and ACTIVE active pairs; leaves BASE.out, BASE.log and BASE.callbacks.
-count_callbacks() {
-  valgrind --tool=callgrind --instr-atstart=no --callgrind-out-file="$1.out" \
-    "$compare" --callgrind --backends="$2" --pairs=1000 --active="$3" \
-    --blocks=1 --rounds="$callgrind_rounds" --warmup=2 \
-    2>"$1.log" | sed -n 's/^callgrind_callbacks=//p' >"$1.callbacks"
-}
-
-# count_wrappers DIR [PROGRAM]: the wrapped micro-benchmarks under callgrind, where each
-# wrapper's inclusive count is set against the bare libc call it makes. The benchmark links
-# the library statically, so a rebuilt library brings its own PROGRAM.
-count_wrappers() {
-  local name program=${2:-$build/bench/syscall_bench}
-  for name in WrappedEventfdWriteRead WrappedIoctl; do
-    valgrind --tool=callgrind --callgrind-out-file="$1/wrapper-$name.out" \
-      "$program" --benchmark_filter="^BM_$name\$" \
-      --benchmark_min_time=0.01 >"$1/wrapper-$name.log" 2>&1
-  done
-}
-
 echo "perf: instructions per callback under callgrind (N = 1000)"
 for backend in raw monitor libevent libev libuv; do
   for active in 1 10 100; do
     # Twice each: the counts must repeat to be worth reporting.
     for repeat in 1 2; do
-      count_callbacks "$out/callgrind/$backend-$active-$repeat" "$backend" "$active"
+      count_callbacks "$compare" "$out/callgrind/$backend-$active-$repeat" "$backend" "$active" \
+        "$callgrind_rounds"
     done
   done
 done
 
 echo "perf: wrapper instructions under callgrind"
-count_wrappers "$out/callgrind"
-
-# Each patch under bench/ablation/ changes one hot-path trick. The library is rebuilt from a
-# copy of the sources with the patch applied, and counted again: the comparison with that
-# library loaded in place of its own (the monitor at A = 1, 10 and 100), and the wrappers'
-# benchmark rebuilt from the copy. The unpatched copy, counted the same way, is the reference.
-echo "perf: hot-path tricks, the library rebuilt with each patch under bench/ablation/"
-ablation="$out/ablation"
-tree="$ablation/tree"
-mkdir -p "$tree"
-cp -r CMakeLists.txt CMakePresets.json bench cmake include platform src tools "$tree"
-cmake -S "$tree" --preset bench -DTAVREL_BUILD_COMPARE=OFF \
-  -DTAVREL_VM_TEST=OFF >"$ablation/configure.log"
-count_variant() {
-  local dir="$ablation/$1"
-  mkdir -p "$dir"
-  if ! cmake --build "$tree/build/bench" -j2 --target tavrel_sys_linux syscall_bench \
-    >"$dir/build.log" 2>&1
-  then
-    echo "perf: the library does not build with $1 (see $dir/build.log)" >&2
-    return
-  fi
-  (
-    export LD_LIBRARY_PATH="$tree/build/bench/src"
-    for active in 1 10 100; do count_callbacks "$dir/monitor-$active" monitor "$active"; done
-    count_wrappers "$dir" "$tree/build/bench/bench/syscall_bench"
-  )
-}
-count_variant reference
-# A patch that no longer applies, or no longer builds, leaves its row unmeasured on the
-# page: refresh it against the sources.
-for patch in bench/ablation/*.patch; do
-  if ! patch -d "$tree" -p1 -F0 -s --dry-run <"$patch" >/dev/null; then
-    echo "perf: $patch does not apply to these sources" >&2
-    continue
-  fi
-  patch -d "$tree" -p1 -F0 -s <"$patch"
-  count_variant "$(basename "$patch" .patch)"
-  patch -d "$tree" -p1 -F0 -s -R <"$patch"
-done
+count_wrappers "$build/bench/syscall_bench" "$out/callgrind"
 
 echo "perf: timer wake-up latency (${schedules[*]}; $timer_runs runs of $timer_loops expiries at 1 ms)"
 head -1 /proc/stat >"$out/timer.stat"
@@ -251,7 +192,7 @@ echo "load at end: $(cut -d' ' -f1-3 /proc/loadavg)" >>"$out/machine.txt"
 
 mkdir -p docs
 python3 bench/compare/perf_report.py "$out" docs/performance.md "$out/plot.dat" \
-  "$out/instructions.dat" bench/ablation
+  "$out/instructions.dat"
 gnuplot -e "datafile='$out/plot.dat'; outfile='docs/performance.svg'" bench/compare/performance.gp
 gnuplot -e "datafile='$out/instructions.dat'; outfile='docs/performance-instructions.svg'" \
   bench/compare/instructions.gp

@@ -39,13 +39,16 @@ run_preset tsan
 stage "arm64: the library and the suite, cross-built for 64-bit Arm, pass on a 64-bit Arm kernel in a VM, the driver test too"
 run_preset arm64
 
+stage "budget: the hot path keeps its instruction budgets (callgrind, the bench preset)"
+scripts/budget.sh
+
 stage "valgrind: no invalid access, uninitialised read or leak in any test program's non-death tests"
 cmake --preset default >/dev/null
 cmake --build --preset default
 scripts/valgrind.sh build/default
 
 stage "default: release build passes every test, the installed package and the real-driver VM test"
-# On whatever an earlier command configured (scripts/run.sh leaves the driver test out): this
+# Whatever an earlier configure of build/default left in its cache (-DTAVREL_VM_TEST=OFF): this
 # stage is the one that proves the real driver, so it asks for it and checks that it ran.
 run_preset default -DTAVREL_VM_TEST=ON
 if ! ctest --preset default -N -L vm | grep -q '^Total Tests: [1-9]'; then

@@ -14,7 +14,7 @@
 #include "tavrel/IEpollMonitor.h"
 #include "tavrel/IEventObserver.h"
 #include "tavrel/StdoutPrinter.h"
-#include "tavrel/ThreadDriver.h"
+#include "tavrel/platform/ThreadDriver.h"
 #include "tavrel/platform/UniqueFd.h"
 
 namespace {

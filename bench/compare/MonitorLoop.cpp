@@ -9,7 +9,7 @@
 #include "Backend.h"
 #include "tavrel/IEpollMonitor.h"
 #include "tavrel/IThreadLoop.h"
-#include "tavrel/ThreadDriver.h"
+#include "tavrel/platform/ThreadDriver.h"
 
 namespace tavrel::bench {
 

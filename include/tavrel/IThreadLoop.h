@@ -28,6 +28,8 @@ public:
 
     // Loop thread, once, before threadLoop(). Returns 0 on success.
     virtual int readyToRun(ReadyToRun const& ready) = 0;
+    // Kept for the stack: nothing calls it and nothing overrides it; it holds its slot in
+    // the interface's table.
     virtual int readyToRun(std::string const& /*threadName*/) { return 0; }
 
     // Loop thread. Returns true to be called again, false when the loop has ended.

@@ -7,12 +7,13 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "tavrel/Export.h"
 #include "tavrel/IEventObserver.h"
 #include "tavrel/IPrinter.h"
+#include "tavrel/Mutex.h"
+#include "tavrel/TaggedFd.h"
 
 namespace NSCam::NSTavrel {
 
@@ -51,23 +52,24 @@ public:
     // timer's clock, then every `interval` (zero: once). Both must be valid.
     // A one-shot deadline that passes while an expiry of this timer is being dispatched is
     // lost: the re-arm after the callback reads back nothing left and disarms the timer.
-    void startTimerAbsoluteTime(const timespec* value, const timespec* interval);
+    void startTimerAbsoluteTime(const timespec* value, const timespec* interval)
+        TAVREL_EXCLUDES(mMutex);
 
     // Any thread, also from the callback. Disarms.
-    void stopTimer();
+    void stopTimer() TAVREL_EXCLUDES(mMutex);
 
     // Any thread. Re-arms with what remains of the current setting, clearing the count of
     // expirations so that an edge-triggered monitor reports the next one.
-    void enableEdgeTrigger();
+    void enableEdgeTrigger() TAVREL_EXCLUDES(mMutex);
 
 private:
     int32_t mLogv;                         // verbose lines on, from a property at construction
     std::string mName;                     // "Timer-" + name, for logs and dumps
-    int32_t mFd;                           // the timerfd; its owner tag is &mFd
+    TaggedFd mFd;                          // the timerfd
     uint32_t mEvents;                      // the mask the timer wants to be attached with
     std::function<void()> mNotifyTimeout;  // run on every expiry
-    mutable std::mutex mMutex;             // makes each set (and get-then-set) of mFd atomic
-    bool mArmed = false;                   // guarded by mMutex: the last accepted set armed it
+    mutable Mutex mMutex;                  // makes each set (and get-then-set) of mFd atomic
+    bool mArmed TAVREL_GUARDED_BY(mMutex) = false;  // the last accepted set armed the timer
 };
 
 }  // namespace NSCam::NSTavrel

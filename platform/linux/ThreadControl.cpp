@@ -1,11 +1,7 @@
-// Thread control of Linux hosts: thread ids, the stack's scheduling numbers mapped onto the
-// Linux scheduler, thread names and the CPU affinity property.
+// Thread control of Linux hosts: thread ids, the stack's scheduling numbers
+// (tavrel::host::StackPolicy) mapped onto the Linux scheduler, thread names and the CPU
+// affinity property.
 //
-// Policy numbers and what `priority` means with each:
-//   0  SCHED_BATCH  priority is the nice value, -20 (highest) to 19 (lowest)
-//   1  SCHED_OTHER  priority is the nice value, -20 to 19
-//   2  SCHED_FIFO   priority is the real-time priority, 1 (lowest) to 99 (highest)
-//   3  SCHED_RR     priority is the real-time priority, 1 to 99
 // Any other policy, or a priority outside its policy's range, is refused with -EINVAL.
 // Without CAP_SYS_NICE the kernel accepts a nice value at or above the thread's current
 // one (or down to the RLIMIT_NICE ceiling) and a real-time priority up to RLIMIT_RTPRIO;
@@ -35,8 +31,6 @@ constexpr unsigned long kAffinityValueSize = 256;
 // The kernel keeps 15 characters of a thread name, plus the terminator.
 constexpr size_t kThreadNameSize = 16;
 
-enum StackPolicy { kBatch = 0, kNormal = 1, kFifo = 2, kRoundRobin = 3 };
-
 constexpr int kMinNice = -20;
 constexpr int kMaxNice = 19;
 constexpr int kMinRtPriority = 1;
@@ -59,16 +53,16 @@ bool toSchedAttr(int policy, int priority, SchedAttr* attr) {
     *attr = SchedAttr{};
     attr->size = sizeof(SchedAttr);
     switch (policy) {
-        case kBatch:
-        case kNormal:
+        case tavrel::host::kBatch:
+        case tavrel::host::kOther:
             if (priority < kMinNice || priority > kMaxNice) return false;
-            attr->schedPolicy = policy == kBatch ? SCHED_BATCH : SCHED_OTHER;
+            attr->schedPolicy = policy == tavrel::host::kBatch ? SCHED_BATCH : SCHED_OTHER;
             attr->schedNice = priority;
             return true;
-        case kFifo:
-        case kRoundRobin:
+        case tavrel::host::kFifo:
+        case tavrel::host::kRoundRobin:
             if (priority < kMinRtPriority || priority > kMaxRtPriority) return false;
-            attr->schedPolicy = policy == kFifo ? SCHED_FIFO : SCHED_RR;
+            attr->schedPolicy = policy == tavrel::host::kFifo ? SCHED_FIFO : SCHED_RR;
             attr->schedPriority = static_cast<uint32_t>(priority);
             return true;
         default:

@@ -122,17 +122,15 @@ TEST(Registry, ASeededWalkKeepsTheKernelSetInStepWithAModel) {
     }
 }
 
-size_t openDescriptors() {
-    return static_cast<size_t>(
-        std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-}
-
 // Threads attach, signal, modify and detach eventfds and timers on one running monitor
 // while a relay attaches and detaches from inside onEvent on the monitor thread, and
 // signals interrupt its waits. Every unit written is consumed, every expiry dispatched.
 // Runs half a second, or TAVREL_SOAK_SECONDS (scripts/soak.sh).
 TEST(MonitorStress, EveryUnitIsConsumedEveryRegistrationUndoneAndNothingLogged) {
-    const size_t before = openDescriptors();
+    const auto openDescriptors = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto before = openDescriptors();
     struct sigaction action = {}, previous = {};
     action.sa_handler = [](int) {};
     ::sigaction(SIGUSR1, &action, &previous);  // without SA_RESTART: waits end with EINTR
@@ -186,10 +184,9 @@ TEST(MonitorStress, EveryUnitIsConsumedEveryRegistrationUndoneAndNothingLogged) 
         }
         for (std::thread& thread : threads) thread.join();
         running.monitor->detach(&relay);
-        const uint64_t calls = operations + uint64_t(relayed) + 1;  // and the relay's
-        EXPECT_EQ(
-            dumpOf(*running.monitor).at(1).find(format("{ #attach=%lu #detach=%lu", calls, calls)),
-            4u);
+        const uint64_t n = operations + uint64_t(relayed) + 1;  // and the relay's
+        EXPECT_EQ(dumpOf(*running.monitor).at(1).find(format("{ #attach=%lu #detach=%lu", n, n)),
+                  4u);
     }
     ::sigaction(SIGUSR1, &previous, nullptr);
     EXPECT_EQ(capture.texts(), Lines{});

@@ -7,10 +7,14 @@
 #include <iosfwd>
 #include <string>
 
+#include "tavrel/platform/ThreadControl.h"
+
 namespace tavrel::timerlat {
 
-// Scheduling policies as the camera stack numbers them for NSCam::Thread::setThreadPriority.
-enum StackPolicy : int32_t { kBatch = 0, kOther = 1, kFifo = 2, kRoundRobin = 3 };
+using host::kBatch;
+using host::kFifo;
+using host::kOther;
+using host::kRoundRobin;
 
 struct Options {
     int timers = 1;                       // periodic timers attached to the one monitor

@@ -12,7 +12,7 @@
 #include "LatencyProbe.h"
 #include "tavrel/IEpollMonitor.h"
 #include "tavrel/IThreadLoop.h"
-#include "tavrel/ThreadDriver.h"
+#include "tavrel/platform/ThreadDriver.h"
 
 namespace tavrel::timerlat {
 namespace {

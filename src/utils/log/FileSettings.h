@@ -1,6 +1,7 @@
 // The two values each source file fixes when the library is loaded. Only the
-// system-call file reads them (for its request timing); the other files compute them all
-// the same, so every file pays its one property read at load and no later.
+// system-call file reads them (for its request timing).
+// Kept for the stack: the other files compute them all the same, so every file pays its one
+// property read at load and no later.
 #pragma once
 
 #include <cstdint>

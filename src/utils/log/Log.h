@@ -3,7 +3,9 @@
 //
 // A source file defines `kLogSite` (its tag and path) and then uses the macros:
 //   TAVREL_LOGE("[%s] read(%d) failed", __func__, fd);
-// Every short format starts with "[%s]"; its argument is given by the caller.
+// Every short format starts with "[%s]".
+// Kept for the stack: its argument is given by hand at every statement, although the macros
+// know the function's name.
 #pragma once
 
 #include <cstdio>
@@ -68,8 +70,9 @@ inline bool unifiedRouteOn() {
     return (loadSwitch(ULogger::sMode) & kUnifiedRouteBits) != 0;
 }
 
-// Formats into a heap buffer and hands the line to the unified logger. The length passed
-// is the untruncated one the formatting reported, even when the text was cut.
+// Formats into a heap buffer and hands the line to the unified logger.
+// Kept for the stack: the length passed is the untruncated one the formatting reported, even
+// when the text was cut.
 template <typename... Args>
 __attribute__((noinline)) void writeUnified(const char* tag, int level, const char* format,
                                             Args... args) {
@@ -85,8 +88,9 @@ __attribute__((noinline)) void writeUnified(const char* tag, int level, const ch
 }
 
 // Builds the header into a format of its own and lets log_dbg_print format the message
-// with it. A '%' in the prefix or the file text would be interpreted; the platform
-// promises there is none.
+// with it.
+// Kept for the stack: a '%' in the prefix or the file text would be interpreted; the
+// platform promises there is none.
 template <typename... Args>
 __attribute__((noinline)) void writeDebugPrint(const Site& site, int line, const char* function,
                                                cam_debug_level_t level, const char* longFormat,

@@ -34,13 +34,13 @@ inline constexpr uint64_t kObserverSpan = bit(37);     // per-descriptor async s
 inline constexpr uint64_t kCameraTag = 0x400;
 
 // A gate is tested afresh at every trace point: nothing is remembered between a begin and
-// its end. It reads the category bits first and then the camera tag twice, as the
-// platform's own trace macros do.
+// its end. It reads the category bits first and then the camera tag.
 inline bool categoryOn(uint64_t category) {
     return (get_tavrel_enabled_tracebits() & category) != 0;
 }
 
 inline bool cameraTagOn() {
+    // Kept for the stack: the camera tag is read twice, as the platform's trace macros do.
     return (atrace_get_enabled_tags() & kCameraTag) != 0 &&
            (atrace_get_enabled_tags() & kCameraTag) != 0;
 }
@@ -56,14 +56,12 @@ public:
     Section(uint64_t category, const char* name) : mCategory(category) {
         if (enabled(mCategory)) atrace_begin_body(name);
     }
-    // For names built at run time: `nameOf(args...)` returns the name and is called only
-    // when the section opens, so an untraced section builds none. `nameOf` captures
-    // nothing; what it needs comes as `args`.
-    template <typename NameOf, typename... Args,
-              typename = std::enable_if_t<std::is_invocable_r_v<const char*, NameOf, Args...>>>
-    Section(uint64_t category, NameOf nameOf, Args... args) : mCategory(category) {
-        static_assert(std::is_empty_v<NameOf>, "nameOf takes what it needs as arguments");
-        if (enabled(mCategory)) atrace_begin_body(nameOf(args...));
+    // For names built at run time: `nameOf()` returns the name and is called only when the
+    // section opens, so an untraced section builds none.
+    template <typename NameOf,
+              typename = std::enable_if_t<std::is_invocable_r_v<const char*, NameOf>>>
+    Section(uint64_t category, NameOf nameOf) : mCategory(category) {
+        if (enabled(mCategory)) atrace_begin_body(nameOf());
     }
     ~Section() {
         if (enabled(mCategory)) atrace_end_body();

@@ -1,12 +1,12 @@
-// The contract every system-call wrapper shares, written once: the call runs inside its
-// trace section; a failure saves errno once, writes the wrapper's error line, reacts to
-// errno (and for driver requests raises the driver report) and yields -errno, or null
-// for calls that return a pointer.
+// The contract every system-call wrapper shares, written once. A wrapper gives its rule,
+// its call and its error line; the contract runs the call inside the wrapper's trace
+// section, and on a failure saves errno once, writes the error line, reacts to errno (and
+// for a driver request raises the driver report) and yields -errno, or null for calls that
+// return a pointer.
 #pragma once
 
 #include <algorithm>
 #include <cerrno>
-#include <tuple>
 #include <type_traits>
 
 #include "utils/log/FatalReport.h"
@@ -15,111 +15,82 @@
 
 namespace NSCam::NSTavrel::System::internal {
 
-// Which results of a call are failures.
+// Which results of a call are failures. A call that returns a pointer fails with null.
 enum class Fails {
     kNegative,  // the usual -1
     kNonZero,   // anything but 0, for requests whose positive results are not expected
 };
 
 // An errno value that never occurs, for calls without a routine errno.
-inline constexpr int kNoSilentErrno = -1;
+inline constexpr int kNoRoutineErrno = -1;
 
 // What sets one wrapper apart from the others.
 struct Rule {
-    uint64_t traceCategory;              // trace bit of the section, Trace::kNone for none
-    const char* section;                 // trace section name
-    Fails fails = Fails::kNegative;      // how a failure shows in the result
-    int silentErrno = kNoSilentErrno;    // routine errno returned at once, unreported
-    const char* driverFormat = nullptr;  // driver report format; null when not fatal
+    const char* name;                    // the wrapper's, for its error line
+    uint64_t traceCategory;              // the section's trace bit; Trace::kNone for none
+    const char* section = nullptr;       // the section's name; null: the wrapper's name
+    Fails fails = Fails::kNegative;      // which results are failures
+    int routineErrno = kNoRoutineErrno;  // returned at once, neither logged nor reported
+    const char* driverFormat = nullptr;  // the driver report's format; null: not fatal
 };
 
-template <typename T>
-bool isFailure(T result, Fails fails) {
-    if constexpr (std::is_pointer_v<T>) {
+template <typename Result>
+bool isFailure(Result result, Fails fails) {
+    if constexpr (std::is_pointer_v<Result>) {
         return result == nullptr;
     } else {
         return fails == Fails::kNonZero ? result != 0 : result < 0;
     }
 }
 
-template <typename T>
-T failureResult(int err) {
-    if constexpr (std::is_pointer_v<T>) {
+// The name of the wrapper's trace section.
+inline const char* sectionOf(const Rule& rule) {
+    return rule.section != nullptr ? rule.section : rule.name;
+}
+
+// The failure half of the contract.
+template <typename Result, typename LogError>
+Result failed(const Rule& rule, Result result, const LogError& logError) {
+    // Nothing between the call and here can have changed errno.
+    const int err = errno;
+    if (err != rule.routineErrno) {
+        logError(rule.name, result, err);
+        handleErrno(err);
+        if (rule.driverFormat != nullptr) Log::driverReport(rule.driverFormat, err);
+    }
+    if constexpr (std::is_pointer_v<Result>) {
         return nullptr;
     } else {
-        return static_cast<T>(-err);
+        return static_cast<Result>(-err);
     }
 }
 
-// The failure half of the contract, up to the end of the trace section. Runs right after
-// the failed call: nothing between the call and the errno read below can change errno.
-template <typename Result, typename LogError, typename... Args>
-Result failed(uint64_t traceCategory, const char* function, int silentErrno,
-              const char* driverFormat, LogError logError, Result result,
-              const std::tuple<Args...>& args) {
-    const int err = errno;
-    if (err != silentErrno) {
-        std::apply([&](Args... values) { logError(function, result, err, values...); }, args);
-        handleErrno(err);
-        if (driverFormat != nullptr) Log::driverReport(driverFormat, err);
-    }
-    if (Trace::enabled(traceCategory)) atrace_end_body();
-    return failureResult<Result>(err);
+// The call, its failure half and the exit gate of the section. Declared inline so that GCC
+// takes it into both paths below: 23 instructions a call.
+template <typename Call, typename LogError>
+inline auto callAndEndSection(const Rule& rule, const Call& call, const LogError& logError) {
+    const auto result = call();
+    const auto value = isFailure(result, rule.fails) ? failed(rule, result, logError) : result;
+    if (Trace::enabled(rule.traceCategory)) atrace_end_body();
+    return value;
 }
 
-// The rest of the exit gate and the end it guards, for a section whose category bit is on.
-template <typename Result>
-__attribute__((noinline, cold)) Result endSection(Result result) {
-    if (Trace::cameraTagOn()) atrace_end_body();
-    return result;
+// The contract once the entry gate's category bit has been found on. Out of line, so that
+// an untraced call keeps its arguments where they came in: 4 instructions a call.
+template <typename Call, typename LogError>
+__attribute__((noinline)) auto tracedCall(const Rule& rule, const Call& call,
+                                          const LogError& logError) {
+    if (Trace::cameraTagOn()) atrace_begin_body(sectionOf(rule));
+    return callAndEndSection(rule, call, logError);
 }
 
-// The call and what follows it, once the entry gate's category test has been made.
-template <typename Call, typename LogError, typename... Args>
-__attribute__((always_inline)) inline auto callAndClose(uint64_t traceCategory, Fails fails,
-                                                        const char* function, int silentErrno,
-                                                        const char* driverFormat, Call call,
-                                                        LogError logError, Args... args) {
-    using Result = decltype(call(args...));
-    // Kept in memory for the error line: the call clobbers the registers that hold them,
-    // and a store each is cheaper than keeping them in registers the call preserves.
-    const std::tuple<Args...> saved{args...};
-    const Result result = call(args...);
-    if (isFailure(result, fails)) {
-        return failed(traceCategory, function, silentErrno, driverFormat, logError, result, saved);
-    }
-    if (Trace::categoryOn(traceCategory)) return endSection(result);
-    return result;
-}
-
-// The whole contract for a section whose category bit was on at entry.
-template <typename Call, typename LogError, typename... Args>
-__attribute__((noinline, cold)) auto tracedCall(uint64_t traceCategory, const char* section,
-                                                Fails fails, const char* function, int silentErrno,
-                                                const char* driverFormat, Call call,
-                                                LogError logError, Args... args) {
-    if (Trace::cameraTagOn()) atrace_begin_body(section);
-    return callAndClose(traceCategory, fails, function, silentErrno, driverFormat, call, logError,
-                        args...);
-}
-
-// `call(args...)` makes the system call and returns its raw result. `logError(function,
-// result, err, args...)` writes the wrapper's error line; `function` is the wrapper's
-// name. Both capture nothing: the arguments travel as scalars, so the success path builds
-// no object for the paths it does not take. That path is the category test, the call, the
-// failure test and the category test again; the traced path runs out of line. Always
-// inlined, so the rule folds into constants.
-template <typename Call, typename LogError, typename... Args>
-__attribute__((always_inline)) inline auto checked(const Rule& rule, const char* function,
-                                                   Call call, LogError logError, Args... args) {
-    static_assert(std::is_empty_v<Call> && std::is_empty_v<LogError>,
-                  "the call and its error line take what they need as arguments");
-    if (Trace::categoryOn(rule.traceCategory)) {
-        return tracedCall(rule.traceCategory, rule.section, rule.fails, function, rule.silentErrno,
-                          rule.driverFormat, call, logError, args...);
-    }
-    return callAndClose(rule.traceCategory, rule.fails, function, rule.silentErrno,
-                        rule.driverFormat, call, logError, args...);
+// `call()` makes the system call and returns its raw result. `logError(name, result, err)`
+// writes the wrapper's error line, with `err` the saved errno.
+template <typename Call, typename LogError>
+auto checked(const Rule& rule, const Call& call, const LogError& logError) {
+    // The section's entry gate: the category bit here, then the camera tag.
+    if (Trace::categoryOn(rule.traceCategory)) return tracedCall(rule, call, logError);
+    return callAndEndSection(rule, call, logError);
 }
 
 // For calls whose success value is 0 by contract, whatever the call returned.

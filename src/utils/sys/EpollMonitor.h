@@ -15,7 +15,8 @@
 #include "tavrel/IEventObserver.h"
 #include "tavrel/IPrinter.h"
 #include "tavrel/IThreadLoop.h"
-#include "utils/sys/Mutex.h"
+#include "tavrel/Mutex.h"
+#include "tavrel/TaggedFd.h"
 
 namespace NSCam::NSTavrel {
 
@@ -93,9 +94,10 @@ private:
 
     int tryEpoll(int timeoutMs);
     void handleEvents(struct epoll_event* events, unsigned long count);
-    // handleEvents' loop, with the per-event logs (mLogv) on or off.
-    template <bool kLogv>
-    void dispatch(struct epoll_event* events, unsigned long count);
+    // One ready entry: the observer's onEvent inside its trace section; with the per-event
+    // log lines around it when mLogv is on.
+    void notify(IEventObserver* observer, uint32_t events);
+    void notifyLogged(IEventObserver* observer, uint32_t events);
     void sendInterruptEvent();
     bool isInterruptEvent(unsigned int events) const;
 
@@ -122,19 +124,22 @@ private:
     std::string mModifyTraceName;           // trace section of modify
     std::string mDetachTraceName;           // trace section of detach
     int32_t mLogv;                          // per-event and registry logs, from a property
-    int32_t mWaitTimeoutMs = -1;            // every wait; -1 sleeps until an event
-    int mEpollFd = -1;                      // owned; its owner value is &mEpollFd
-    int mEventFd = -1;                      // owned interrupt; its owner value is &mEventFd
+    // Kept for the stack: every wait sleeps until an event (-1) and nothing changes that, so
+    // the loop's timed-out branch never runs.
+    int32_t mWaitTimeoutMs = -1;
+    TaggedFd mEpollFd;                      // owned
+    TaggedFd mEventFd;                      // owned; the interrupt
     std::atomic<uint32_t> mAttachCount{0};  // attach calls, failed ones included
     std::atomic<uint32_t> mDetachCount{0};  // completed detach calls
     std::atomic<bool> mActive{true};        // the loop runs while set; requestExit clears it
-    // The thread running threadLoop: a detach made there must reach the current batch.
+    // The thread inside threadLoop, if any: a detach made there must reach the current batch.
     std::atomic<std::thread::id> mLoopThread{};
     // One wait's results, monitor thread only; zeroed so that a detach on the monitor
     // thread can scan all of it, results of earlier waits included.
     struct epoll_event mEpollEvents[kMaxEpollEvents] = {};
     mutable Mutex mFdObserverMapLock;  // keeps the map and the epoll set in step
-    // Keys are never erased: a null value marks a descriptor that was detached.
+    // Kept for the stack: keys are never erased; a null value marks a descriptor that was
+    // detached, and the map grows with every descriptor number ever attached.
     FdObserverMap mFdObserverMap TAVREL_GUARDED_BY(mFdObserverMapLock);
 };
 

@@ -1,7 +1,6 @@
 // The system-call layer: one checked, logged and traced wrapper per call, each written as
-// its row of rules (trace section, what counts as failure, its error line) over the shared
-// contract of CheckedCall.h, and the errno reaction that lists the process's descriptors
-// when it has run out of them.
+// its row (its rule, its call, its error line) over the contract of CheckedCall.h, and the
+// errno reaction that lists the process's descriptors when it has run out of them.
 #include "tavrel/SystemCall.h"
 
 #include <fcntl.h>
@@ -26,7 +25,7 @@ namespace NSCam::NSTavrel::System {
 using internal::checked;
 using internal::Fails;
 using internal::handleErrno;
-using internal::kNoSilentErrno;
+using internal::kNoRoutineErrno;
 using internal::Rule;
 using internal::zeroOnSuccess;
 
@@ -117,6 +116,13 @@ unsigned long requestNumber(int request) {
     return static_cast<unsigned int>(request);
 }
 
+// Ioctl without the result check: the request inside its section, nothing more. Out of
+// line, so that the checked form saves no register for it: 3 instructions a call.
+__attribute__((noinline)) int uncheckedIoctl(int fd, int request, void* arg) {
+    Trace::Section section(Trace::kStatIoctl, "Ioctl");
+    return ::ioctl(fd, requestNumber(request), arg);
+}
+
 }  // namespace
 
 namespace internal {
@@ -127,34 +133,34 @@ void handleErrno(int err) {
 
 }  // namespace internal
 
+// Files and directories.
+
 int64_t Read(int fd, void* buf, unsigned long count) {
+    static constexpr Rule kRule{__func__, Trace::kFileCalls};
     return checked(
-        {Trace::kFileCalls, __func__}, __func__,
-        [](int fd, void* buf, unsigned long count) { return ::read(fd, buf, count); },
-        [](const char* fn, ssize_t result, int err, int fd, void* buf, unsigned long count) {
+        kRule, [=] { return ::read(fd, buf, count); },
+        [=](const char* fn, ssize_t result, int err) {
             TAVREL_LOGE_IN(fn, "[%s] read(%d, %p, %zu) return %zd: err=%d(%s)", fn, fd, buf, count,
                            result, -err, strerror(err));
-        },
-        fd, buf, count);
+        });
 }
 
 int64_t Write(int fd, const void* buf, unsigned long count) {
+    static constexpr Rule kRule{__func__, Trace::kFileCalls};
     return checked(
-        {Trace::kFileCalls, __func__}, __func__,
-        [](int fd, const void* buf, unsigned long count) { return ::write(fd, buf, count); },
-        [](const char* fn, ssize_t result, int err, int fd, const void* buf, unsigned long count) {
+        kRule, [=] { return ::write(fd, buf, count); },
+        [=](const char* fn, ssize_t result, int err) {
             TAVREL_LOGE_IN(fn, "[%s] write(%d, %p, %zu) return %zd: err=%d(%s)", fn, fd, buf, count,
                            result, -err, strerror(err));
-        },
-        fd, buf, count);
+        });
 }
 
 int Open(const char* path, int flags, unsigned long owner) {
-    Trace::Section trace(Trace::kFileCalls, __func__);
+    Trace::Section section(Trace::kFileCalls, __func__);
     struct stat st {};
-    // Stat has logged and reacted already; the second line and reaction are Open's own.
     const int statResult = Stat(path, &st);
     if (statResult < 0) {
+        // Kept for the stack: Stat has logged and reacted already, and Open does both again.
         const int err = -statResult;
         TAVREL_LOGE("[%s] Invalid device %s: %s", __func__, path, strerror(err));
         handleErrno(err);
@@ -164,340 +170,312 @@ int Open(const char* path, int flags, unsigned long owner) {
         TAVREL_LOGE("[%s] Invalid device node: %s", __func__, path);
         return -ENODEV;
     }
+    // Inside Open's own section.
+    static constexpr Rule kRule{__func__, Trace::kNone};
     const int fd = checked(
-        {Trace::kNone, __func__}, __func__,
-        [](const char* path, int flags) { return ::open(path, flags); },
-        [](const char* fn, int result, int err, const char* path, int) {
+        kRule, [=] { return ::open(path, flags); },
+        [=](const char* fn, int result, int err) {
             TAVREL_LOGE_IN(fn, "[%s] open(%s) return %d: err=%d(%s)", fn, path, result, -err,
                            strerror(err));
-        },
-        path, flags);
+        });
     return tagged(fd, owner);
 }
 
 int Close(int fd, unsigned long owner) {
+    static constexpr Rule kRule{__func__, Trace::kFileCalls};
     return checked(
-        {Trace::kFileCalls, __func__}, __func__,
-        [](int fd, uint64_t tag) { return zelcam_fdsan_close_with_tag(fd, tag, kFdsanType); },
-        [](const char* fn, int result, int err, int fd, uint64_t) {
+        kRule,
+        [=] {
+            return zelcam_fdsan_close_with_tag(fd, zelcam_fdsan_create_tag(owner, kFdsanType),
+                                               kFdsanType);
+        },
+        [=](const char* fn, int result, int err) {
             TAVREL_LOGE_IN(fn, "[%s] close(%d) return %d: err=%d(%s)", fn, fd, result, -err,
                            strerror(err));
-        },
-        fd, zelcam_fdsan_create_tag(owner, kFdsanType));
+        });
 }
 
 int Stat(const char* path, struct stat* st) {
+    static constexpr Rule kRule{__func__, Trace::kStatIoctl};
     return checked(
-        {Trace::kStatIoctl, __func__}, __func__,
-        [](const char* path, struct stat* st) { return ::stat(path, st); },
-        [](const char* fn, int, int err, const char* path, struct stat*) {
+        kRule, [=] { return ::stat(path, st); },
+        [=](const char* fn, int, int err) {
             TAVREL_LOGE_IN(fn, "[%s] stat(%s): %s", fn, path, strerror(err));
-        },
-        path, st);
+        });
 }
 
 int ReadLink(const char* path, char* buf, unsigned long size) {
+    static constexpr Rule kRule{__func__, Trace::kFileCalls};
     return checked(
-        {Trace::kFileCalls, __func__}, __func__,
-        [](const char* path, char* buf, unsigned long size) {
-            return static_cast<int>(::readlink(path, buf, size));
-        },
-        [](const char* fn, int result, int err, const char* path, char*, unsigned long) {
+        kRule, [=] { return static_cast<int>(::readlink(path, buf, size)); },
+        [=](const char* fn, int result, int err) {
             TAVREL_LOGE_IN(fn, "[%s] readlink(%s) return %d: err=%d(%s)", fn, path, result, -err,
                            strerror(err));
-        },
-        path, buf, size);
+        });
 }
 
 DIR* OpenDir(const char* path) {
+    static constexpr Rule kRule{__func__, Trace::kFileCalls};
     return checked(
-        {Trace::kFileCalls, __func__}, __func__, [](const char* path) { return ::opendir(path); },
-        [](const char* fn, DIR*, int err, const char* path) {
+        kRule, [=] { return ::opendir(path); },
+        [=](const char* fn, DIR*, int err) {
             TAVREL_LOGE_IN(fn, "[%s] opendir(%s) return NULL: err=%d(%s)", fn, path, -err,
                            strerror(err));
-        },
-        path);
+        });
 }
 
 struct dirent* ReadDir(DIR* dir) {
-    // readdir leaves errno alone at the end of the directory, which is logged all the same.
+    // Kept for the stack: readdir leaves errno alone at the end of the directory, and that
+    // end is logged as an error all the same.
+    static constexpr Rule kRule{__func__, Trace::kFileCalls};
     return checked(
-        {Trace::kFileCalls, __func__}, __func__, [](DIR* dir) { return ::readdir(dir); },
-        [](const char* fn, dirent*, int err, DIR*) {
+        kRule, [=] { return ::readdir(dir); },
+        [=](const char* fn, dirent*, int err) {
             TAVREL_LOGE_IN(fn, "[%s] readdir() return NULL: err=%d(%s)", fn, -err, strerror(err));
-        },
-        dir);
+        });
 }
 
 int CloseDir(DIR* dir) {
+    static constexpr Rule kRule{__func__, Trace::kFileCalls};
     return checked(
-        {Trace::kFileCalls, __func__}, __func__, [](DIR* dir) { return ::closedir(dir); },
-        [](const char* fn, int result, int err, DIR*) {
+        kRule, [=] { return ::closedir(dir); },
+        [=](const char* fn, int result, int err) {
             TAVREL_LOGE_IN(fn, "[%s] closedir() return %d: err=%d(%s)", fn, result, -err,
                            strerror(err));
-        },
-        dir);
+        });
 }
 
+// Event primitives.
+
 int EventFD(unsigned int initval, int flags, unsigned long owner) {
+    static constexpr Rule kRule{__func__, Trace::kFileCalls};
     const int fd = checked(
-        {Trace::kFileCalls, __func__}, __func__,
-        [](unsigned int initval, int flags) { return ::eventfd(initval, flags); },
-        [](const char* fn, int result, int err, unsigned int initval, int flags) {
+        kRule, [=] { return ::eventfd(initval, flags); },
+        [=](const char* fn, int result, int err) {
             TAVREL_LOGE_IN(fn, "[%s] eventfd(%u, %#x) return %d: err=%d(%s)", fn, initval,
                            static_cast<unsigned int>(flags), result, -err, strerror(err));
-        },
-        initval, flags);
+        });
     return tagged(fd, owner);
 }
 
 int EPollCreate(int size, unsigned long owner) {
+    static constexpr Rule kRule{__func__, Trace::kFileCalls};
     const int fd = checked(
-        {Trace::kFileCalls, __func__}, __func__, [](int size) { return ::epoll_create(size); },
-        [](const char* fn, int result, int err, int) {
+        kRule, [=] { return ::epoll_create(size); },
+        [=](const char* fn, int result, int err) {
             TAVREL_LOGE_IN(fn, "[%s] epoll_create() return %d: err=%d(%s)", fn, result, -err,
                            strerror(err));
-        },
-        size);
+        });
     return tagged(fd, owner);
 }
 
 int EPollCtlAdd(int epfd, int fd, struct epoll_event* event) {
+    static constexpr Rule kRule{__func__, Trace::kEventCalls};
     return zeroOnSuccess(checked(
-        {Trace::kEventCalls, __func__}, __func__,
-        [](int epfd, int fd, struct epoll_event* event) {
-            return ::epoll_ctl(epfd, EPOLL_CTL_ADD, fd, event);
-        },
-        [](const char* fn, int result, int err, int epfd, int fd, struct epoll_event*) {
+        kRule, [=] { return ::epoll_ctl(epfd, EPOLL_CTL_ADD, fd, event); },
+        [=](const char* fn, int result, int err) {
             TAVREL_LOGE_IN(fn, "[%s] epoll_ctl(%d, EPOLL_CTL_ADD, %d) return %d: err=%d(%s)", fn,
                            epfd, fd, result, -err, strerror(err));
-        },
-        epfd, fd, event));
+        }));
 }
 
 int EPollCtlMod(int epfd, int fd, struct epoll_event* event) {
+    static constexpr Rule kRule{__func__, Trace::kEventCalls};
     return zeroOnSuccess(checked(
-        {Trace::kEventCalls, __func__}, __func__,
-        [](int epfd, int fd, struct epoll_event* event) {
-            return ::epoll_ctl(epfd, EPOLL_CTL_MOD, fd, event);
-        },
-        [](const char* fn, int result, int err, int epfd, int fd, struct epoll_event*) {
+        kRule, [=] { return ::epoll_ctl(epfd, EPOLL_CTL_MOD, fd, event); },
+        [=](const char* fn, int result, int err) {
             TAVREL_LOGE_IN(fn, "[%s] epoll_ctl(%d, EPOLL_CTL_MOD, %d) return %d: err=%d(%s)", fn,
                            epfd, fd, result, -err, strerror(err));
-        },
-        epfd, fd, event));
+        }));
 }
 
 int EPollCtlDel(int epfd, int fd, struct epoll_event* event) {
+    static constexpr Rule kRule{__func__, Trace::kEventCalls};
     return zeroOnSuccess(checked(
-        {Trace::kEventCalls, __func__}, __func__,
-        [](int epfd, int fd, struct epoll_event* event) {
-            return ::epoll_ctl(epfd, EPOLL_CTL_DEL, fd, event);
-        },
-        [](const char* fn, int result, int err, int epfd, int fd, struct epoll_event*) {
+        kRule, [=] { return ::epoll_ctl(epfd, EPOLL_CTL_DEL, fd, event); },
+        [=](const char* fn, int result, int err) {
             TAVREL_LOGE_IN(fn, "[%s] epoll_ctl(%d, EPOLL_CTL_DEL, %d) return %d: err=%d(%s)", fn,
                            epfd, fd, result, -err, strerror(err));
-        },
-        epfd, fd, event));
+        }));
 }
 
 int EPollWait(int epfd, struct epoll_event* events, int maxevents, int timeout) {
-    // An interrupted wait is routine for a monitor thread and stays silent.
+    // An interrupted wait is routine for a monitor thread.
+    static constexpr Rule kRule{__func__, Trace::kEventCalls, nullptr, Fails::kNegative, EINTR};
     return checked(
-        {Trace::kEventCalls, __func__, Fails::kNegative, EINTR}, __func__,
-        [](int epfd, struct epoll_event* events, int maxevents, int timeout) {
-            return ::epoll_wait(epfd, events, maxevents, timeout);
-        },
-        [](const char* fn, int result, int err, int epfd, struct epoll_event*, int maxevents,
-           int timeout) {
+        kRule, [=] { return ::epoll_wait(epfd, events, maxevents, timeout); },
+        [=](const char* fn, int result, int err) {
             TAVREL_LOGE_IN(fn,
                            "[%s] epoll_wait(%d, maxevents=%d, timeout=%d) return %d: err=%d(%s)",
                            fn, epfd, maxevents, timeout, result, -err, strerror(err));
-        },
-        epfd, events, maxevents, timeout);
+        });
 }
 
 int TimerFDCreate(int clockid, int flags, unsigned long owner) {
+    static constexpr Rule kRule{__func__, Trace::kFileCalls};
     const int fd = checked(
-        {Trace::kFileCalls, __func__}, __func__,
-        [](int clockid, int flags) { return ::timerfd_create(clockid, flags); },
-        [](const char* fn, int result, int err, int, int) {
+        kRule, [=] { return ::timerfd_create(clockid, flags); },
+        [=](const char* fn, int result, int err) {
             TAVREL_LOGE_IN(fn, "[%s] timerfd_create() return %d: err=%d(%s)", fn, result, -err,
                            strerror(err));
-        },
-        clockid, flags);
+        });
     return tagged(fd, owner);
 }
 
 int TimerFDSetTime(int fd, int flags, const struct itimerspec* newValue,
                    struct itimerspec* oldValue) {
+    static constexpr Rule kRule{__func__, Trace::kEventCalls};
     return checked(
-        {Trace::kEventCalls, __func__}, __func__,
-        [](int fd, int flags, const struct itimerspec* newValue, struct itimerspec* oldValue) {
-            return ::timerfd_settime(fd, flags, newValue, oldValue);
-        },
-        [](const char* fn, int result, int err, int fd, int, const struct itimerspec*,
-           struct itimerspec*) {
+        kRule, [=] { return ::timerfd_settime(fd, flags, newValue, oldValue); },
+        [=](const char* fn, int result, int err) {
             TAVREL_LOGE_IN(fn, "[%s] timerfd_settime(%d) return %d: err=%d(%s)", fn, fd, result,
                            -err, strerror(err));
-        },
-        fd, flags, newValue, oldValue);
+        });
 }
 
 int TimerFDGetTime(int fd, struct itimerspec* current) {
+    static constexpr Rule kRule{__func__, Trace::kEventCalls};
     return checked(
-        {Trace::kEventCalls, __func__}, __func__,
-        [](int fd, struct itimerspec* current) { return ::timerfd_gettime(fd, current); },
-        [](const char* fn, int result, int err, int fd, struct itimerspec*) {
+        kRule, [=] { return ::timerfd_gettime(fd, current); },
+        [=](const char* fn, int result, int err) {
             TAVREL_LOGE_IN(fn, "[%s] timerfd_gettime(%d) return %d: err=%d(%s)", fn, fd, result,
                            -err, strerror(err));
-        },
-        fd, current);
+        });
 }
 
 // Imaging driver requests. Every failure of these but Ioctl's is fatal to the service.
 
-namespace {
-
-// Ioctl without the result check: the request inside its trace section, nothing more. Out
-// of line, so that the checked form keeps no register for it.
-__attribute__((noinline)) int uncheckedIoctl(int fd, int request, void* arg) {
-    Trace::Section trace(Trace::kStatIoctl, "Ioctl");
-    return ::ioctl(fd, requestNumber(request), arg);
-}
-
-}  // namespace
-
 int Ioctl(int fd, int request, void* arg, unsigned int flags) {
     if ((flags & kIoctlCheckResult) == 0) return uncheckedIoctl(fd, request, arg);
+    static constexpr Rule kRule{__func__, Trace::kStatIoctl};
     return checked(
-        {Trace::kStatIoctl, __func__}, __func__,
-        [](int fd, int request, void* arg) { return ::ioctl(fd, requestNumber(request), arg); },
-        [](const char* fn, int, int err, int fd, int request, void*) {
+        kRule, [=] { return ::ioctl(fd, requestNumber(request), arg); },
+        [=](const char* fn, int, int err) {
             TAVREL_LOGE_IN(fn, "[%s] ioctl(%d, %#x): %d(%s)", fn, fd,
                            static_cast<unsigned int>(request), -err, strerror(err));
-        },
-        fd, request, arg);
+        });
 }
 
 int AllocMediaRequest(int mediaFd, unsigned long owner) {
     int requestFd = -1;
+    static constexpr Rule kRule{
+        __func__,         Trace::kMediaAlloc, "MEDIA_IOC_REQUEST_ALLOC",
+        Fails::kNegative, kNoRoutineErrno,    TAVREL_DRIVER_FORMAT("MEDIA_IOC_REQUEST_ALLOC"),
+    };
     const int result = checked(
-        {Trace::kMediaAlloc, "MEDIA_IOC_REQUEST_ALLOC", Fails::kNegative, kNoSilentErrno,
-         TAVREL_DRIVER_FORMAT("MEDIA_IOC_REQUEST_ALLOC")},
-        __func__,
-        [](int mediaFd, int* requestFd) {
-            return ::ioctl(mediaFd, MEDIA_IOC_REQUEST_ALLOC, requestFd);
-        },
-        [](const char* fn, int result, int err, int mediaFd, int*) {
+        kRule, [&] { return ::ioctl(mediaFd, MEDIA_IOC_REQUEST_ALLOC, &requestFd); },
+        [=](const char* fn, int result, int err) {
             TAVREL_LOGE_IN(fn, "[%s] ioctl(%d, MEDIA_IOC_REQUEST_ALLOC) return %d: err=%d(%s)", fn,
                            mediaFd, result, -err, strerror(err));
-        },
-        mediaFd, &requestFd);
+        });
     if (result < 0) return result;
     return tagged(requestFd, owner);
 }
 
 int ReinitMediaRequest(int requestFd) {
+    static constexpr Rule kRule{
+        __func__,         Trace::kNone,    nullptr,
+        Fails::kNegative, kNoRoutineErrno, TAVREL_DRIVER_FORMAT("MEDIA_REQUEST_IOC_REINIT"),
+    };
     return zeroOnSuccess(checked(
-        {Trace::kNone, nullptr, Fails::kNegative, kNoSilentErrno,
-         TAVREL_DRIVER_FORMAT("MEDIA_REQUEST_IOC_REINIT")},
-        __func__,
-        [](int requestFd) { return ::ioctl(requestFd, MEDIA_REQUEST_IOC_REINIT, nullptr); },
-        [](const char* fn, int, int err, int requestFd) {
+        kRule, [=] { return ::ioctl(requestFd, MEDIA_REQUEST_IOC_REINIT, nullptr); },
+        [=](const char* fn, int, int err) {
             TAVREL_LOGE_IN(fn, "[%s] ioctl(%d, MEDIA_REQUEST_IOC_REINIT): err=%d(%s)", fn,
                            requestFd, -err, strerror(err));
-        },
-        requestFd));
+        }));
 }
 
 int QueueMediaRequest(int requestFd) {
+    static constexpr Rule kRule{
+        __func__,        Trace::kMediaQueue, "MEDIA_REQUEST_IOC_QUEUE",
+        Fails::kNonZero, kNoRoutineErrno,    TAVREL_DRIVER_FORMAT("MEDIA_REQUEST_IOC_QUEUE"),
+    };
     return zeroOnSuccess(checked(
-        {Trace::kMediaQueue, "MEDIA_REQUEST_IOC_QUEUE", Fails::kNonZero, kNoSilentErrno,
-         TAVREL_DRIVER_FORMAT("MEDIA_REQUEST_IOC_QUEUE")},
-        __func__,
-        [](int requestFd) {
-            return timed([&] { return ::ioctl(requestFd, MEDIA_REQUEST_IOC_QUEUE, nullptr); },
+        kRule,
+        [=] {
+            return timed([=] { return ::ioctl(requestFd, MEDIA_REQUEST_IOC_QUEUE, nullptr); },
                          [&](const char* elapsed) {
                              TAVREL_LOGW_IN("QueueMediaRequest",
                                             "[%s] ioctl(%d, MEDIA_REQUEST_IOC_QUEUE) takes %s ns",
                                             "QueueMediaRequest", requestFd, elapsed);
                          });
         },
-        [](const char* fn, int, int err, int requestFd) {
+        [=](const char* fn, int, int err) {
             TAVREL_LOGE_IN(fn, "[%s] ioctl(%d, MEDIA_REQUEST_IOC_QUEUE): err=%d(%s)", fn, requestFd,
                            -err, strerror(err));
-        },
-        requestFd));
+        }));
 }
 
 int QueueVideoNodeBuf(int fd, void* buffer) {
+    static constexpr Rule kRule{
+        __func__,        Trace::kQueueBuf, "VIDIOC_QBUF",
+        Fails::kNonZero, kNoRoutineErrno,  TAVREL_DRIVER_FORMAT("VIDIOC_QBUF"),
+    };
     return zeroOnSuccess(checked(
-        {Trace::kQueueBuf, "VIDIOC_QBUF", Fails::kNonZero, kNoSilentErrno,
-         TAVREL_DRIVER_FORMAT("VIDIOC_QBUF")},
-        __func__,
-        [](int fd, void* buffer) {
-            return timed([&] { return ::ioctl(fd, VIDIOC_QBUF, buffer); },
+        kRule,
+        [=] {
+            return timed([=] { return ::ioctl(fd, VIDIOC_QBUF, buffer); },
                          [&](const char* elapsed) {
                              TAVREL_LOGW_IN("QueueVideoNodeBuf",
                                             "[%s] ioctl(%d, VIDIOC_QBUF) takes %s ns",
                                             "QueueVideoNodeBuf", fd, elapsed);
                          });
         },
-        [](const char* fn, int, int err, int fd, void*) {
+        [=](const char* fn, int, int err) {
             TAVREL_LOGE_IN(fn, "[%s] ioctl(%d, VIDIOC_QBUF): %d(%s)", fn, fd, -err, strerror(err));
-        },
-        fd, buffer));
+        }));
 }
 
 int DQueueVideoNodeBuf(int fd, void* buffer) {
     // EAGAIN: a non-blocking node has no finished buffer yet, which is routine.
+    static constexpr Rule kRule{
+        __func__,        Trace::kDispatch, "VIDIOC_DQBUF",
+        Fails::kNonZero, EAGAIN,           TAVREL_DRIVER_FORMAT("VIDIOC_DQBUF"),
+    };
     return zeroOnSuccess(checked(
-        {Trace::kDispatch, "VIDIOC_DQBUF", Fails::kNonZero, EAGAIN,
-         TAVREL_DRIVER_FORMAT("VIDIOC_DQBUF")},
-        __func__, [](int fd, void* buffer) { return ::ioctl(fd, VIDIOC_DQBUF, buffer); },
-        [](const char* fn, int, int err, int fd, void*) {
+        kRule, [=] { return ::ioctl(fd, VIDIOC_DQBUF, buffer); },
+        [=](const char* fn, int, int err) {
             TAVREL_LOGE_IN(fn, "[%s] ioctl(%d, VIDIOC_DQBUF): %d(%s)", fn, fd, -err, strerror(err));
-        },
-        fd, buffer));
+        }));
 }
 
 int DQueueEvent(int fd, void* event) {
+    static constexpr Rule kRule{
+        __func__,         Trace::kDQueueEvent, "VIDIOC_DQEVENT",
+        Fails::kNegative, kNoRoutineErrno,     TAVREL_DRIVER_FORMAT("VIDIOC_DQEVENT"),
+    };
     return zeroOnSuccess(checked(
-        {Trace::kDQueueEvent, "VIDIOC_DQEVENT", Fails::kNegative, kNoSilentErrno,
-         TAVREL_DRIVER_FORMAT("VIDIOC_DQEVENT")},
-        __func__, [](int fd, void* event) { return ::ioctl(fd, VIDIOC_DQEVENT, event); },
-        [](const char* fn, int, int err, int fd, void*) {
+        kRule, [=] { return ::ioctl(fd, VIDIOC_DQEVENT, event); },
+        [=](const char* fn, int, int err) {
             TAVREL_LOGE_IN(fn, "[%s] ioctl(%d, VIDIOC_DQEVENT): %d(%s)", fn, fd, -err,
                            strerror(err));
-        },
-        fd, event));
+        }));
 }
 
 int AddIova(int fd, int request, void* arg) {
+    static constexpr Rule kRule{
+        __func__,         Trace::kStatIoctl, nullptr,
+        Fails::kNegative, kNoRoutineErrno,   TAVREL_DRIVER_FORMAT("ZELDIP_IOC_ADD_IOVA"),
+    };
     return zeroOnSuccess(checked(
-        {Trace::kStatIoctl, __func__, Fails::kNegative, kNoSilentErrno,
-         TAVREL_DRIVER_FORMAT("ZELDIP_IOC_ADD_IOVA")},
-        __func__,
-        [](int fd, int request, void* arg) { return ::ioctl(fd, requestNumber(request), arg); },
-        [](const char* fn, int, int err, int fd, int request, void*) {
+        kRule, [=] { return ::ioctl(fd, requestNumber(request), arg); },
+        [=](const char* fn, int, int err) {
             TAVREL_LOGE_IN(fn, "[%s] ioctl(%d, %#x): %d(%s)", fn, fd,
                            static_cast<unsigned int>(request), -err, strerror(err));
-        },
-        fd, request, arg));
+        }));
 }
 
 int DelIova(int fd, int request, void* arg) {
+    static constexpr Rule kRule{
+        __func__,         Trace::kStatIoctl, nullptr,
+        Fails::kNegative, kNoRoutineErrno,   TAVREL_DRIVER_FORMAT("ZELDIP_IOC_DEL_IOVA"),
+    };
     return zeroOnSuccess(checked(
-        {Trace::kStatIoctl, __func__, Fails::kNegative, kNoSilentErrno,
-         TAVREL_DRIVER_FORMAT("ZELDIP_IOC_DEL_IOVA")},
-        __func__,
-        [](int fd, int request, void* arg) { return ::ioctl(fd, requestNumber(request), arg); },
-        [](const char* fn, int, int err, int fd, int request, void*) {
+        kRule, [=] { return ::ioctl(fd, requestNumber(request), arg); },
+        [=](const char* fn, int, int err) {
             TAVREL_LOGE_IN(fn, "[%s] ioctl(%d, %#x): %d(%s)", fn, fd,
                            static_cast<unsigned int>(request), -err, strerror(err));
-        },
-        fd, request, arg));
+        }));
 }
 
 }  // namespace NSCam::NSTavrel::System

@@ -39,14 +39,10 @@ constexpr uint32_t kEvents = EPOLLIN | EPOLLET;
 // Flags of a setting relative to now, as opposed to TFD_TIMER_ABSTIME.
 constexpr int kRelative = 0;
 
-// The descriptor's fdsan owner: the address of the member that holds it.
-unsigned long ownerOf(const int32_t* fd) {
-    return reinterpret_cast<unsigned long>(fd);
-}
-
 // What the standard library does, without exception support, where it would throw: it
-// says what would have been thrown and aborts. Spelled out here so that every standard
-// library gives the same message.
+// says what would have been thrown and aborts.
+// Kept for the stack: the message names an exception although none is thrown; it is spelled
+// out here so that every standard library prints the same words.
 [[noreturn]] void abortAsThrown(const char* exception) {
     std::fprintf(stderr, "%s was thrown in -fno-exceptions mode\n", exception);
     std::fflush(stderr);
@@ -81,19 +77,21 @@ std::shared_ptr<Timer> strongSelf(Timer* timer) {
 Timer::Timer(const char* name, int clockid, std::function<void()> notify)
     : mLogv(Utils::Properties::property_get_int32(kLogvProperty, kLogvDefault) != 0 ? 1 : 0),
       mName(std::string(kNamePrefix) + (name != nullptr ? name : kUnnamed)),
-      mFd(System::TimerFDCreate(clockid, kTimerFdFlags, ownerOf(&mFd))),
+      mFd([clockid](unsigned long owner) {
+          return System::TimerFDCreate(clockid, kTimerFdFlags, owner);
+      }),
       mEvents(kEvents),
       mNotifyTimeout(std::move(notify)) {
-    if (mFd < 0) TAVREL_FATAL("[%s] Bad fd:%d", __func__, mFd);
+    if (mFd.get() < 0) TAVREL_FATAL("[%s] Bad fd:%d", __func__, mFd.get());
     if (!mNotifyTimeout) TAVREL_FATAL("[%s] Bad mNotifyTimeout", __func__);
 }
 
 Timer::~Timer() {
-    System::Close(mFd, ownerOf(&mFd));
+    mFd.close();
 }
 
 int Timer::getEventFD() const {
-    return mFd;
+    return mFd.get();
 }
 
 std::string const& Timer::getEventName() const {
@@ -107,6 +105,7 @@ uint32_t Timer::getEventType() const {
 void Timer::onEvent(IEventObserver::OnEvent const& /*event*/) {
     // Keeps the Timer alive through the callback, which may drop its owner's reference.
     std::shared_ptr<Timer> self = strongSelf(this);
+    // Kept for the stack: strongSelf() never returns null, so this warning is never written.
     if (self == nullptr) {
         TAVREL_LOGW("[%s] Timer instance has gone", __func__);
         return;
@@ -118,10 +117,10 @@ void Timer::onEvent(IEventObserver::OnEvent const& /*event*/) {
 void Timer::enableEdgeTrigger() {
     itimerspec cur{};
     {
-        std::lock_guard<std::mutex> lock(mMutex);
-        const bool readOk = System::TimerFDGetTime(mFd, &cur) >= 0;
+        MutexLock lock(mMutex);
+        const bool readOk = System::TimerFDGetTime(mFd.get(), &cur) >= 0;
         const itimerspec next = rearmSetting(cur, readOk, mArmed);
-        if (System::TimerFDSetTime(mFd, kRelative, &next, nullptr) >= 0) {
+        if (System::TimerFDSetTime(mFd.get(), kRelative, &next, nullptr) >= 0) {
             mArmed = !isZero(next.it_value);
         }
     }
@@ -132,9 +131,9 @@ void Timer::enableEdgeTrigger() {
 void Timer::startTimerAbsoluteTime(const timespec* value, const timespec* interval) {
     const itimerspec setting = {*interval, *value};
     {
-        std::lock_guard<std::mutex> lock(mMutex);
+        MutexLock lock(mMutex);
         // A refused setting leaves the kernel, and so the record of it, as they were.
-        if (System::TimerFDSetTime(mFd, TFD_TIMER_ABSTIME, &setting, nullptr) >= 0) {
+        if (System::TimerFDSetTime(mFd.get(), TFD_TIMER_ABSTIME, &setting, nullptr) >= 0) {
             mArmed = !isZero(setting.it_value);
         }
     }
@@ -145,8 +144,8 @@ void Timer::startTimerAbsoluteTime(const timespec* value, const timespec* interv
 void Timer::stopTimer() {
     const itimerspec zero{};
     {
-        std::lock_guard<std::mutex> lock(mMutex);
-        if (System::TimerFDSetTime(mFd, kRelative, &zero, nullptr) >= 0) mArmed = false;
+        MutexLock lock(mMutex);
+        if (System::TimerFDSetTime(mFd.get(), kRelative, &zero, nullptr) >= 0) mArmed = false;
     }
     TAVREL_CLASS_LOGV(mLogv, "[%s] %-7s: %s", __func__, mName.c_str(),
                       NSTavrel::toString(zero).c_str());
@@ -154,7 +153,7 @@ void Timer::stopTimer() {
 
 std::string Timer::toString() const {
     std::ostringstream out;
-    out << "{ " << mName << " .fd=" << mFd << " .event=" << std::hex << mEvents << " }";
+    out << "{ " << mName << " .fd=" << mFd.get() << " .event=" << std::hex << mEvents << " }";
     return out.str();
 }
 

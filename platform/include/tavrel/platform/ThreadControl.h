@@ -2,16 +2,29 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "tavrel/platform/Export.h"
+
+namespace tavrel::host {
+
+// The stack's scheduling policies, as setThreadPriority numbers them, and what `priority`
+// means with each:
+//   kBatch       SCHED_BATCH  the nice value, -20 (highest) to 19 (lowest)
+//   kOther       SCHED_OTHER  the nice value, -20 to 19
+//   kFifo        SCHED_FIFO   the real-time priority, 1 (lowest) to 99 (highest)
+//   kRoundRobin  SCHED_RR     the real-time priority, 1 to 99
+enum StackPolicy : int32_t { kBatch = 0, kOther = 1, kFifo = 2, kRoundRobin = 3 };
+
+}  // namespace tavrel::host
 
 namespace NSCam::Thread {
 
 // The calling thread's kernel thread id.
 TAVREL_PLATFORM_API int getThisThread();
 
-// Applies `policy` and `priority` (the camera stack's numbering, see README) to thread
-// `tid`. Returns 0, or a negative errno; a refused request changes nothing.
+// Applies `policy` and `priority` (tavrel::host::StackPolicy) to thread `tid`. Returns 0, or
+// a negative errno; a refused request changes nothing.
 TAVREL_PLATFORM_API int setThreadPriority(int tid, int priority, int policy);
 
 }  // namespace NSCam::Thread

@@ -6,6 +6,10 @@
 //   tavrel::host::ThreadDriver driver(monitor);  // the loop runs from here on
 //   ...
 //   driver.stop();                               // or let the driver go out of scope
+//
+// The one platform header built on the library's interfaces: the thread driver is the
+// host's stand-in for the stack's, which is no part of the library. Header only, for
+// programs that link both.
 #pragma once
 
 #include <cstdio>

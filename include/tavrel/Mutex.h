@@ -1,5 +1,6 @@
 // A mutex the compiler can reason about: Clang's -Wthread-safety checks that members
-// marked TAVREL_GUARDED_BY are only touched with their mutex held.
+// marked TAVREL_GUARDED_BY are only touched with their mutex held. The monitor and the
+// Timer lock with it.
 #pragma once
 
 #include <mutex>
