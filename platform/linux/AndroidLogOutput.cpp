@@ -9,10 +9,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <string>
 
 #include "AndroidLogOutput.h"
+#include "HostLogOutput.h"
 
 namespace tavrel::host {
 namespace {
@@ -29,16 +29,12 @@ char priorityLetter(int priority) {
 
 // "MM-DD HH:MM:SS.mmm  PID  TID P TAG     : ", as `logcat -v threadtime` starts each line.
 std::string threadtimePrefix(int priority, const char* tag) {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm local{};
-    localtime_r(&now.tv_sec, &local);
     char date[sizeof("MM-DD HH:MM:SS")];
-    std::strftime(date, sizeof(date), "%m-%d %H:%M:%S", &local);
+    const long nanos = localTimeNow("%m-%d %H:%M:%S", date, sizeof(date));
     char prefix[kPrefixSize];
     std::snprintf(prefix, sizeof(prefix), "%s.%03ld %5d %5d %c %-8s: ", date,
-                  now.tv_nsec / kNanosPerMilli, static_cast<int>(getpid()),
-                  static_cast<int>(gettid()), priorityLetter(priority), tag);
+                  nanos / kNanosPerMilli, static_cast<int>(getpid()), static_cast<int>(gettid()),
+                  priorityLetter(priority), tag);
     return prefix;
 }
 

@@ -39,18 +39,23 @@ void openHostLogOutput() {
     sOutputFd.store(fd);
 }
 
-void writeHostLogLine(char levelLetter, const char* tag, const char* text) {
-    const int savedErrno = errno;
+long localTimeNow(const char* format, char* out, size_t size) {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     tm local{};
     localtime_r(&now.tv_sec, &local);
+    std::strftime(out, size, format, &local);
+    return now.tv_nsec;
+}
+
+void writeHostLogLine(char levelLetter, const char* tag, const char* text) {
+    const int savedErrno = errno;
     char date[sizeof("YYYY-MM-DD HH:MM:SS")];
-    std::strftime(date, sizeof(date), "%Y-%m-%d %H:%M:%S", &local);
+    const long nanos = localTimeNow("%Y-%m-%d %H:%M:%S", date, sizeof(date));
     char header[kHeaderSize];
     const int headerLength =
         std::snprintf(header, sizeof(header), "%s.%06ld %d %d %c %s: ", date,
-                      now.tv_nsec / kNanosPerMicro, static_cast<int>(getpid()),
+                      nanos / kNanosPerMicro, static_cast<int>(getpid()),
                       static_cast<int>(gettid()), levelLetter, tag != nullptr ? tag : "");
     const char* body = text != nullptr ? text : "";
     char newline = '\n';
