@@ -114,29 +114,34 @@ done
 echo "perf: wrapper instructions under callgrind"
 count_wrappers "$build/bench/syscall_bench" "$out/callgrind"
 
-echo "perf: timer wake-up latency (${schedules[*]}; $timer_runs runs of $timer_loops expiries at 1 ms)"
-head -1 /proc/stat >"$out/timer.stat"
-for schedule in "${schedules[@]}"; do
+# Runs the three timer programs timer_runs times into folder $1 at schedule $2 (normal or
+# fifo): back to back, each run starting with the next program, so that none always follows
+# the same one. A failed run is left out of the page (which counts its runs), not fatal.
+run_timer_programs() {
+  local dir=$1 schedule=$2 run k program base ours theirs
+  ours=(--policy other -p 0) theirs=(--policy=other)
   if [[ $schedule == fifo ]]; then
     ours=(-p "$fifo_priority") theirs=(-p "$fifo_priority")
-  else
-    ours=(--policy other -p 0) theirs=(--policy=other)
   fi
-  common=("${lock[@]}" -i 1000 -l "$timer_loops" -q)
-  programs=(timer raw cyclictest)
+  local common=("${lock[@]}" -i 1000 -l "$timer_loops" -q) programs=(timer raw cyclictest)
+  mkdir -p "$dir"
   for ((run = 1; run <= timer_runs; run++)); do
-    # Back to back, each run starting with the next program, so that none always follows
-    # the same one. A failed run is left out of the page (which counts its runs), not fatal.
     for ((k = 0; k < ${#programs[@]}; k++)); do
       program=${programs[(run + k - 1) % ${#programs[@]}]}
-      base="$out/timer/$program-$schedule-$run"
+      base="$dir/$program-$schedule-$run"
       case $program in
         timer) "$timerlat" "${ours[@]}" "${common[@]}" -h 20000 --histfile "$base.hist" >"$base.txt" ;;
         raw) "$raw_timerlat" "${ours[@]}" "${common[@]}" -h 20000 --histfile "$base.hist" >"$base.txt" ;;
         cyclictest) cyclictest "${theirs[@]}" "${common[@]}" -h 20000 >"$base.hist" 2>"$base.txt" ;;
-      esac || { echo "perf: $program failed (exit $?)" >&2; rm -f "$base.hist"; }
+      esac || { echo "perf: $program failed at $schedule (exit $?)" >&2; rm -f "$base.hist"; }
     done
   done
+}
+
+echo "perf: timer wake-up latency (${schedules[*]}; $timer_runs runs of $timer_loops expiries at 1 ms)"
+head -1 /proc/stat >"$out/timer.stat"
+for schedule in "${schedules[@]}"; do
+  run_timer_programs "$out/timer" "$schedule"
 done
 head -1 /proc/stat >>"$out/timer.stat"
 
@@ -146,11 +151,6 @@ head -1 /proc/stat >>"$out/timer.stat"
 ensure_packages perf stress-ng
 load_workers=$(nproc)
 load_schedule=${schedules[-1]}
-load_ours=(--policy other -p 0) load_theirs=(--policy=other)
-if [[ $load_schedule == fifo ]]; then
-  load_ours=(-p "$fifo_priority") load_theirs=(-p "$fifo_priority")
-fi
-load_common=("${lock[@]}" -i 1000 -l "$timer_loops" -q)
 echo "stress-ng: $(dpkg-query -W -f='${Version}' stress-ng)" >>"$out/machine.txt"
 load=(stress-ng --cpu "$load_workers" --io "$load_workers")
 echo "stress-ng load: ${load[*]}" >>"$out/machine.txt"
@@ -161,19 +161,7 @@ stress_pid=$!
 trap 'kill -INT "$stress_pid" 2>/dev/null || true' EXIT
 sleep 2 # every worker running
 head -1 /proc/stat >"$out/loaded.stat"
-load_programs=(timer raw cyclictest)
-for ((run = 1; run <= timer_runs; run++)); do
-  # As above: back to back, each run starting with the next program; a failed run is left out.
-  for ((k = 0; k < ${#load_programs[@]}; k++)); do
-    program=${load_programs[(run + k - 1) % ${#load_programs[@]}]}
-    base="$out/loaded/$program-$load_schedule-$run"
-    case $program in
-      timer) "$timerlat" "${load_ours[@]}" "${load_common[@]}" -h 20000 --histfile "$base.hist" >"$base.txt" ;;
-      raw) "$raw_timerlat" "${load_ours[@]}" "${load_common[@]}" -h 20000 --histfile "$base.hist" >"$base.txt" ;;
-      cyclictest) cyclictest "${load_theirs[@]}" "${load_common[@]}" -h 20000 >"$base.hist" 2>"$base.txt" ;;
-    esac || { echo "perf: $program failed under load (exit $?)" >&2; rm -f "$base.hist"; }
-  done
-done
+run_timer_programs "$out/loaded" "$load_schedule"
 head -1 /proc/stat >>"$out/loaded.stat"
 kill -INT "$stress_pid"
 wait "$stress_pid" || true
