@@ -241,6 +241,18 @@ def loaded_targets(loaded):
              judge(min(ratios), max(ratios), MAX_P99_OVER_CYCLICTEST))]
 
 
+def write_latency_table(page, runs):
+    """Each timer program's min, median, p99 and max in µs: median over runs [spread]."""
+    table = []
+    for key, label in TIMER_PROGRAMS.items():
+        cells = [label]
+        for stat in ("min", "p50", "p99", "max"):
+            values = [r[key][stat] for r in runs]
+            cells.append(f"{statistics.median(values):.0f} {span(min(values), max(values), 0)}")
+        table.append(cells)
+    page.table(["program", "min", "median", "p99", "max"], table)
+
+
 def write_loaded_timers(page, out, machine, loaded):
     page.add("## Timer wake-up latency under load")
     page.add()
@@ -267,14 +279,7 @@ def write_loaded_timers(page, out, machine, loaded):
         page.add()
     page.add(f"{len(runs)} complete runs.")
     page.add()
-    table = []
-    for key, label in TIMER_PROGRAMS.items():
-        cells = [label]
-        for stat in ("min", "p50", "p99", "max"):
-            values = [r[key][stat] for r in runs]
-            cells.append(f"{statistics.median(values):.0f} {span(min(values), max(values), 0)}")
-        table.append(cells)
-    page.table(["program", "min", "median", "p99", "max"], table)
+    write_latency_table(page, runs)
 
 
 # --- the rest ---------------------------------------------------------------------------
@@ -663,16 +668,9 @@ def write_timer_latency(page, run):
             page.add("No run in which all three programs finished.")
             page.add()
             continue
-        table = []
-        for key, label in TIMER_PROGRAMS.items():
-            cells = [label]
-            for stat in ("min", "p50", "p99", "max"):
-                values = [r[key][stat] for r in runs]
-                cells.append(f"{statistics.median(values):.0f} {span(min(values), max(values), 0)}")
-            table.append(cells)
         page.add(f"{len(runs)} complete runs.")
         page.add()
-        page.table(["program", "min", "median", "p99", "max"], table)
+        write_latency_table(page, runs)
 
 
 def write_loaded_latency(page, run):
