@@ -17,13 +17,6 @@ using testing::HasSubstr;
 constexpr NSCam::NSTavrel::Log::Site kLogSite{"tavrel-test", "tests/sys/LogTest"};
 constexpr uint32_t kMask = 0x08002000;
 
-void writeEachLevel() {
-    TAVREL_LOGE("[%s] E%d", "f", 1);
-    TAVREL_LOGW("[%s] W%d", "f", 2);
-    TAVREL_LOGI("[%s] I%d", "f", 3);
-    TAVREL_LOGV("[%s] V%d", "f", 4);
-}
-
 TEST(LogStatement, EachRouteHasItsSwitchAndEachLevelItsDetailsGate) {
     // clang-format off
     const struct {
@@ -37,7 +30,10 @@ TEST(LogStatement, EachRouteHasItsSwitchAndEachLevelItsDetailsGate) {
     // clang-format on
     for (const auto& row : rows) {
         const LogCapture capture(row.switches);
-        writeEachLevel();
+        TAVREL_LOGE("[%s] E%d", "f", 1);
+        TAVREL_LOGW("[%s] W%d", "f", 2);
+        TAVREL_LOGI("[%s] I%d", "f", 3);
+        TAVREL_LOGV("[%s] V%d", "f", 4);
         std::string debug, unified;
         // Each line named by the level it was written at: "I" only if info is 3 on both.
         for (const std::string& line : capture.debug()) debug += "VEWI"[line[0] - '0'];
@@ -45,17 +41,6 @@ TEST(LogStatement, EachRouteHasItsSwitchAndEachLevelItsDetailsGate) {
         EXPECT_EQ(debug + "/" + unified, std::string(row.debug) + "/" + row.unified)
             << row.switches.mode << " " << row.switches.details << " " << row.switches.mask;
     }
-}
-
-TEST(LogStatement, LongAndEmptyMessages) {
-    const LogCapture capture;
-    const std::string text(2000, 'x');
-    TAVREL_LOGE("[%s] %s", "f", text.c_str());
-    TAVREL_LOGE("%s", "");  // no format of the library's is empty, but the rule is length >= 0
-    // The unified text is cut to its buffer; the length reported stays whole.
-    EXPECT_EQ(capture.unified(),
-              (Lines{"1 tavrel-test 0x8002001 2004 " + ("[f] " + text).substr(0, 1023),
-                     "1 tavrel-test 0x8002001 0 "}));
 }
 
 std::string sRawDebugLine;  // the latest debug-print line, line numbers and all
@@ -141,20 +126,26 @@ TEST(ULogPrinter, LevelAndModuleGatesThenEachRouteBySwitch) {
     }
 }
 
+// Long and empty lines, from a log statement and from a printer with a long tag: the unified
+// logger cuts a text to its buffer and keeps the length whole, and has a copy of the tag cut
+// to 63 characters; the Android log has the tag as given, and cuts the prefixed line to its
+// own 1023 characters.
 TEST(ULogPrinter, LongEmptyUnformattableLinesAndLongTags) {
     const std::string text(2000, 'y'), tag(70, 't'), tag63 = tag.substr(0, 63);
-    // The Android log has the tag as given (and cuts the prefixed line to its own 1023
-    // characters); the unified logger a copy of 63 characters.
-    EXPECT_EQ(
-        printed({}, 1, tag.c_str(),
-                [&](auto& p) {
-                    p.printFormatLine("%s", text.c_str());
-                    p.printFormatLine("%s", "");
-                    p.printFormatLine("%lc", static_cast<wint_t>(0x100));
-                }),
-        (Lines{"W " + tag + ": " + ("pre:" + text).substr(0, 1023), "W " + tag + ": pre: ",
-               "W " + tag + ": pre: ", "1 " + tag63 + " 0x8002001 2000 " + text.substr(0, 1023),
-               "1 " + tag63 + " 0x8002001 0 ", "1 " + tag63 + " 0x8002001 0 "}));
+    EXPECT_EQ(printed({}, 1, tag.c_str(),
+                      [&](auto& p) {
+                          TAVREL_LOGE("[%s] %s", "f", text.c_str());
+                          TAVREL_LOGE("%s", "");  // no format of the library's is empty
+                          p.printFormatLine("%s", text.c_str());
+                          p.printFormatLine("%s", "");
+                          p.printFormatLine("%lc", static_cast<wint_t>(0x100));
+                      }),
+              (Lines{"W " + tag + ": " + ("pre:" + text).substr(0, 1023),
+                     "W " + tag + ": pre: ", "W " + tag + ": pre: ",
+                     "1 tavrel-test 0x8002001 2004 " + ("[f] " + text).substr(0, 1023),
+                     "1 tavrel-test 0x8002001 0 ",
+                     "1 " + tag63 + " 0x8002001 2000 " + text.substr(0, 1023),
+                     "1 " + tag63 + " 0x8002001 0 ", "1 " + tag63 + " 0x8002001 0 "}));
 }
 
 TEST(StdoutPrinter, WholeLinesWithoutALengthLimitAndStdoutLeftUnlocked) {
