@@ -8,7 +8,7 @@ namespace {
 
 constexpr int kNotGiven = IThreadLoop::ReadyToRun::kNotGiven;
 constexpr const char* kBadFd = "err=-9(Bad file descriptor)";
-const std::string kSys = "E tavrel-syscall: ";
+const std::string kSys = "E tavrel-syscall: ", kMon = "E tavrel-EpollMonitor: ";
 
 std::string config(const IEpollMonitor& m) {
     return format("{ %s .mEpollFd=%d .mEventFd=%d }", m.getName().c_str(), descriptorsOf(m).first,
@@ -25,22 +25,21 @@ std::string entry(const IEventObserver& o) {
     return format("(%d, %p)", o.getEventFD(), static_cast<const void*>(&o));
 }
 
+using Values = std::vector<std::pair<const char*, std::string>>;
+
 // `text` with each placeholder replaced by its value, in order.
-std::string fill(std::string text, const std::vector<std::pair<const char*, std::string>>& values) {
+std::string fill(std::string text, const Values& values) {
     for (const auto& [placeholder, value] : values)
         text = std::regex_replace(text, std::regex(placeholder), value);
     return text;
 }
 
-struct Seen {
-    std::string config, monitor, self, observer, entry;
-    int epollFd, eventFd, fd;
-};
-
 // One life of monitor "s" on this thread: made; an observer attached and modified; one
 // batch in which the observer asks the loop to end; the interrupt read, read again when
 // there is none, and left alone for a write-only event; the observer detached; destroyed.
-Seen runScenario() {
+// Returns what it saw as placeholders: the config, the monitor and it as an observer, the
+// observer and its entry, its descriptor, the monitor's eventfd and epoll descriptor.
+Values runScenario() {
     const auto monitor = IEpollMonitor::make("s");
     const auto loop = std::dynamic_pointer_cast<IThreadLoop>(monitor);
     const auto self = std::dynamic_pointer_cast<IEventObserver>(monitor);
@@ -54,16 +53,18 @@ Seen runScenario() {
     monitor->detach(&observer);
     const auto [epollFd, eventFd] = descriptorsOf(*monitor);
     const auto at = [](const void* p) { return format("%p", p); };
-    return {config(*monitor), at(monitor.get()), at(self.get()), at(&observer),
-            entry(observer),  epollFd,           eventFd,        observer.getEventFD()};
+    return {{"@C", config(*monitor)},        {"@P", at(monitor.get())},
+            {"@S", at(self.get())},          {"@O", at(&observer)},
+            {"@E", entry(observer)},         {"@F", std::to_string(observer.getEventFD())},
+            {"@V", std::to_string(eventFd)}, {"@Q", std::to_string(epollFd)}};
 }
 
 TEST(MonitorLife, EachStepLogsItsLineWithTheDumps) {
     const ScopedProperty logv("persist.vendor.camera.tavrel.EpollMonitor.logv", "1");
     const LogCapture capture;
-    const Seen s = runScenario();
+    const Values s = runScenario();
     // clang-format off
-    const std::string expected = fill(R"(3 @M EpollMonitor() [EpollMonitor] this(@P @S) @C @0
+    const std::string expected = fill(fill(R"(3 @M EpollMonitor() [EpollMonitor] this(@P @S) @C @0
 3 @M attach() [attach] @E
 3 @M modify() [modify] @E
 3 @M threadLoop() [threadLoop] + @C @1
@@ -79,8 +80,7 @@ TEST(MonitorLife, EachStepLogsItsLineWithTheDumps) {
 3 @M ~EpollMonitor() [~EpollMonitor] @C @3)",
         {{"@M", "tavrel-EpollMonitor [tavrel-EpollMonitor] EpollMonitor:N"}, {"@0", runtime(0, 0, 1, "")},
          {"@1", runtime(1, 0, 1, " attach=[ @E ]")}, {"@2", runtime(1, 0, 0, " attach=[ @E ]")},
-         {"@3", runtime(1, 1, 0, " detach=[ @F ]")}, {"@P", s.monitor}, {"@S", s.self}, {"@C", s.config},
-         {"@E", s.entry}, {"@F", std::to_string(s.fd)}, {"@O", s.observer}, {"@V", std::to_string(s.eventFd)}});
+         {"@3", runtime(1, 1, 0, " detach=[ @F ]")}}), s);
     // clang-format on
     std::string got;
     for (const std::string& line : capture.debug()) got += (got.empty() ? "" : "\n") + line;
@@ -90,23 +90,25 @@ TEST(MonitorLife, EachStepLogsItsLineWithTheDumps) {
 }
 
 TEST(MonitorLife, EachStepIsTracedUnderItsOwnCategoryBit) {
-    const Seen s = runScenario();  // untraced: the numbers every later run gets as well
-    EXPECT_EQ(::fcntl(s.eventFd, F_GETFD) + ::fcntl(s.epollFd, F_GETFD), -2);  // both closed
+    const Values s = runScenario();  // untraced: the numbers every later run gets as well
+    int eventFd = -1, epollFd = -1;
+    std::sscanf(fill("@V @Q", s).c_str(), "%d %d", &eventFd, &epollFd);
+    EXPECT_EQ(::fcntl(eventFd, F_GETFD) + ::fcntl(epollFd, F_GETFD), -2);  // both closed
     // Each step's markers as "bit:marker;", in order: construction, attach, modify, one
     // batch, the three interrupt events, detach, destruction.
     const std::string text =
         std::regex_replace(R"(4:B|EpollMonitor;0:B|EPollCreate;0:E;0:B|EventFD;0:E;
         1:B|EPollCtlAdd;1:E;4:E;10:B|P2DrvEP-s::attachObserver;10:B|fetch_add;10:E;
         36:C|P2DrvEP-s-#FdObserverCount|1;10:B|fetch observer;1:B|EPollCtlAdd;1:E;10:E;
-        37:S|P2DrvEP-s-FdObserver|@;10:E;10:B|P2DrvEP-s::modifyObserver;1:B|EPollCtlMod;1:E;10:E;
-        4:B|threadLoop;13:B|tryEpoll;1:B|EPollWait;1:E;12:B|handleEvents;13:B|NOTIFY_READY fd:@;
+        37:S|P2DrvEP-s-FdObserver|@F;10:E;10:B|P2DrvEP-s::modifyObserver;1:B|EPollCtlMod;1:E;10:E;
+        4:B|threadLoop;13:B|tryEpoll;1:B|EPollWait;1:E;12:B|handleEvents;13:B|NOTIFY_READY fd:@F;
         4:B|P2DrvEP-s::requestExit;4:B|sendInterruptEvent;0:B|Write;0:E;4:E;4:E;13:E;12:E;13:E;4:E;
         4:B|isInterruptEvent;0:B|Read;0:E;4:E;4:B|isInterruptEvent;0:B|Read;0:E;4:E;
         4:B|isInterruptEvent;4:E;14:B|P2DrvEP-s::detachObserver;14:B|fetch observer;
-        1:B|EPollCtlDel;1:E;14:E;36:C|P2DrvEP-s-#FdObserverCount|0;37:F|P2DrvEP-s-FdObserver|@;
+        1:B|EPollCtlDel;1:E;14:E;36:C|P2DrvEP-s-#FdObserverCount|0;37:F|P2DrvEP-s-FdObserver|@F;
         14:E;4:B|~EpollMonitor;1:B|EPollCtlDel;1:E;0:B|Close;0:E;0:B|Close;0:E;4:E;)",
                            std::regex("\n *"), "");
-    std::istringstream steps(std::regex_replace(text, std::regex("@"), std::to_string(s.fd)));
+    std::istringstream steps(fill(text, s));
     std::vector<std::pair<int, std::string>> markers;
     for (std::string step; std::getline(steps, step, ';');)
         markers.push_back({std::stoi(step), step.substr(step.find(':') + 1)});
@@ -210,10 +212,9 @@ Lines fatal(Lines before, const std::string& file, const char* function, const s
 
 Lines misuse(const IEpollMonitor& monitor, const Lines& before, const std::string& runtimeText,
              const char* operation) {
-    const std::string tag = "E tavrel-EpollMonitor: ",
-                      first = monitor.getName() + ": logv:0 " + config(monitor);
-    return fatal(before + Lines{tag + first, tag + "    " + runtimeText}, "EpollMonitor", operation,
-                 format("[%s] FATAL", operation));
+    const Lines dump{kMon + monitor.getName() + ": logv:0 " + config(monitor),
+                     kMon + "    " + runtimeText};
+    return fatal(before + dump, "EpollMonitor", operation, format("[%s] FATAL", operation));
 }
 
 TEST(MonitorDeathTest, MisuseDumpsTheStateToTheErrorLogThenEnds) {
@@ -222,11 +223,10 @@ TEST(MonitorDeathTest, MisuseDumpsTheStateToTheErrorLogThenEnds) {
     EventObserver a;
     const TempDir temp;
     FdObserver file(::open(temp.write("plain", "").c_str(), O_RDONLY | O_CLOEXEC));
-    const std::string tag = "E tavrel-EpollMonitor: ",
-                      aGone = format(" detach=[ %d ]", a.getEventFD());
+    const std::string aGone = format(" detach=[ %d ]", a.getEventFD());
     monitor->attach(&a, EPOLLIN);
     EXPECT_DEATH(monitor->attach(&a, EPOLLIN),
-                 entriesAre(misuse(*monitor, {tag + entry(a) + " has existed"},
+                 entriesAre(misuse(*monitor, {kMon + entry(a) + " has existed"},
                                    runtime(2, 0, 1, " attach=[ " + entry(a) + " ]"), "attach")));
     monitor->detach(&a);
     // A regular file cannot be watched; its entry keeps what was being attached.
@@ -234,7 +234,7 @@ TEST(MonitorDeathTest, MisuseDumpsTheStateToTheErrorLogThenEnds) {
                  entriesAre(misuse(
                      *monitor,
                      {kSys + epollCtlError("Add", e, file.fd, "err=-1(Operation not permitted)"),
-                      tag + entry(file) + " has existed"},
+                      kMon + entry(file) + " has existed"},
                      runtime(2, 1, 1, " attach=[ " + entry(file) + " ]" + aGone), "attach")));
     EXPECT_DEATH(monitor->modify(&a, EPOLLIN),
                  entriesAre(misuse(*monitor,
@@ -243,7 +243,7 @@ TEST(MonitorDeathTest, MisuseDumpsTheStateToTheErrorLogThenEnds) {
                                    runtime(1, 1, 1, aGone), "modify")));
     const auto other = IEpollMonitor::make("f");  // its map gets an entry for what it never had
     EXPECT_DEATH(other->detach(&file),
-                 entriesAre(misuse(*other, {tag + entry(file) + " not found"},
+                 entriesAre(misuse(*other, {kMon + entry(file) + " not found"},
                                    runtime(0, 0, 1, format(" detach=[ %d ]", file.fd)), "detach")));
     ::close(file.fd);
 }
