@@ -67,7 +67,8 @@ static std::string withoutLineNumbers(const std::string& text) {
 
 LogCapture::LogCapture(LogSwitches s)
     : mPrevious(ULogger::sULogger.exchange(this)),
-      mSaved{ULogger::sMode, ULogger::sDetailsLevel, ULogger::sNormalDetailsMask, true} {
+      mSaved{ULogger::sMode.exchange(s.mode), ULogger::sDetailsLevel.exchange(s.details),
+             ULogger::sNormalDetailsMask.exchange(s.mask), true} {
     for (int i = 0; i < kLogInfoLevels; ++i) {
         mSavedBits[i] = g_logInfoLv[i].enableMask;
         g_logInfoLv[i].enableMask =
@@ -80,9 +81,6 @@ LogCapture::LogCapture(LogSwitches s)
             capture->mDebug.push_back(format("%d %s ", level, tag) + withoutLineNumbers(text));
         },
         this);
-    ULogger::sMode = s.mode;
-    ULogger::sDetailsLevel = s.details;
-    ULogger::sNormalDetailsMask = s.mask;
 }
 
 LogCapture::~LogCapture() {
@@ -107,9 +105,8 @@ Lines LogCapture::copy(const Lines& lines) const {
 }
 
 std::string withoutPid(const std::string& marker) {
-    std::string text = marker;
-    const size_t pid = text.find('|');
-    return text.erase(pid, text.find('|', pid + 1) - pid);
+    static const std::regex pid(R"(\|\d+)");
+    return std::regex_replace(marker, pid, "", std::regex_constants::format_first_only);
 }
 
 TraceCapture::TraceCapture(uint64_t bits, uint64_t tags) {
