@@ -97,19 +97,15 @@ TEST(Registry, ASeededWalkKeepsTheKernelSetInStepWithAModel) {
         const std::string entry = format("%d %x %lx", fd, mask | EPOLLERR | EPOLLHUP,
                                          reinterpret_cast<unsigned long>(observer.get()));
         FdObserver other(fd);  // detaches by descriptor, as the registered observer would
-        if (op == 0 && !attached) {
-            monitor->attach(observer.get(), int(mask));
-            model[fd] = entry;
-        } else if (op == 1 && attached) {
-            monitor->modify(observer.get(), int(mask));
-            model[fd] = entry;
-        } else if (op == 2 && attached) {
+        if (op == 0 && !attached) monitor->attach(observer.get(), int(mask));
+        if (op == 1 && attached) monitor->modify(observer.get(), int(mask));
+        if (op < 2 && attached == (op == 1)) model[fd] = entry;
+        if (op == 2 && attached) {
             monitor->detach(random() % 2 != 0 ? &other
                                               : static_cast<IEventObserver*>(observer.get()));
             model.erase(fd);
-        } else if (op == 3 && !attached) {
-            observer = std::make_unique<EventObserver>();  // its number is free for reuse
         }
+        if (op == 3 && !attached) observer = std::make_unique<EventObserver>();  // number freed
         std::set<std::string> kernel = own;
         for (const auto& [number, registered] : model) kernel.insert(registered);
         ASSERT_EQ(kernelSet(epollFd), kernel) << "step " << step;
