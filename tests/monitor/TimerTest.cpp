@@ -178,9 +178,8 @@ TEST(TimerLoad, EveryPeriodicTimerKeepsFiringAndNoDisarmedOneRevives) {
     std::this_thread::sleep_for(duration / 4);
     // Counted, not timed: a machine slow enough to miss the last quarter is waited for.
     waitUntil([&] {
-        for (size_t i = 0; i < 20; ++i)
-            if (fired[i] == atThreeQuarters[i]) return false;
-        return true;
+        return std::equal(fired.begin(), fired.begin() + 20, atThreeQuarters.begin(),
+                          std::not_equal_to<>());
     });
     uint64_t rearms = 0, stopped = 0, revived = 0;
     for (size_t i = 0; i < fired.size(); ++i) {
