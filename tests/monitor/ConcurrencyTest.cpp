@@ -141,7 +141,7 @@ TEST(MonitorStress, EveryUnitIsConsumedEveryRegistrationUndoneAndNothingLogged) 
         monitor = running.monitor;
         monitor->attach(&relay, EPOLLIN);
         std::vector<std::thread> threads;
-        for (int t = 0; t < 4; ++t) {
+        for (int t = 0; t < 4; ++t)
             threads.emplace_back([&, t] {
                 const timespec past{0, 1}, once{};
                 // Once a signal to this thread's own barrier has been dispatched, every batch
@@ -171,7 +171,6 @@ TEST(MonitorStress, EveryUnitIsConsumedEveryRegistrationUndoneAndNothingLogged) 
                 monitor->detach(&barrier);
                 operations += 1;
             });
-        }
         for (std::thread& thread : threads) thread.join();
         monitor->detach(&relay);
         const uint64_t n = operations + uint64_t(relayed) + 1;  // and the relay's
