@@ -175,11 +175,10 @@ Outcome run(const std::string& command, const std::string& program) {
     FILE* pipe =
         ::popen((std::regex_replace(command, std::regex("%T"), program) + " 2>&1").c_str(), "r");
     if (pipe == nullptr) return {-1, ""};
-    Outcome outcome{-1, ""};
-    for (int c; (c = std::fgetc(pipe)) != EOF;) outcome.out += static_cast<char>(c);
+    std::string out;
+    for (int c; (c = std::fgetc(pipe)) != EOF;) out += static_cast<char>(c);
     const int status = ::pclose(pipe);
-    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return outcome;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
 }
 
 Outcome runWithProperties(const std::string& name, const std::string& properties) {
