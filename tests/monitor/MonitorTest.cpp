@@ -123,27 +123,24 @@ TEST(MonitorLife, EachStepIsTracedUnderItsOwnCategoryBit) {
     }
 }
 
-TEST(MonitorLife, ATraceNameMadeAtRunTimeIsWholeOrEmpty) {
+// A trace name made at run time is whole, or empty when too long for its buffer; an interrupt
+// that cannot be written, to an eventfd at the most it counts, is logged.
+TEST(MonitorLife, ATraceNameMadeAtRunTimeIsWholeOrEmptyAndAnUnwrittenInterruptIsLogged) {
     for (const size_t length : {127u, 128u}) {
         const std::string name(length - std::strlen("P2DrvEP-::requestExit"), 'n');
         const auto monitor = IEpollMonitor::make(name.c_str());
+        const int eventFd = descriptorsOf(*monitor).second;
+        const uint64_t most = 0xfffffffffffffffe;
+        ASSERT_EQ(::write(eventFd, &most, sizeof(most)), 8);
         const TraceCapture trace(uint64_t{1} << 4);
+        const LogCapture capture({3, 2});
         std::dynamic_pointer_cast<IThreadLoop>(monitor)->requestExit();
         EXPECT_EQ(trace.markers().at(0),
                   length < 128 ? "B|P2DrvEP-" + name + "::requestExit" : "B|");
+        ASSERT_EQ(capture.texts().size(), 2u);  // Write's own line, then the monitor's
+        EXPECT_EQ(capture.texts()[1],
+                  format("[sendInterruptEvent] write(%d) returns -11 != 8", eventFd));
     }
-}
-
-TEST(MonitorLife, AnInterruptThatCannotBeWrittenIsLogged) {
-    const auto monitor = IEpollMonitor::make("full");
-    const int eventFd = descriptorsOf(*monitor).second;
-    const uint64_t most = 0xfffffffffffffffe;  // the most an eventfd counts
-    ASSERT_EQ(::write(eventFd, &most, sizeof(most)), 8);
-    const LogCapture capture({3, 2});
-    std::dynamic_pointer_cast<IThreadLoop>(monitor)->requestExit();
-    ASSERT_EQ(capture.texts().size(), 2u);  // Write's own line, then the monitor's
-    EXPECT_EQ(capture.texts()[1],
-              format("[sendInterruptEvent] write(%d) returns -11 != 8", eventFd));
 }
 
 // Detaching an observer whose owner closed its descriptor first: the kernel refuses the
