@@ -205,11 +205,14 @@ Lines fatal(Lines before, const std::string& file, const char* function, const s
     return before + Lines{"E " + tag + ": " + text, longForm, "F " + tag + ": " + longForm};
 }
 
-Lines misuse(const IEpollMonitor& monitor, const Lines& before, const std::string& runtimeText,
-             const char* operation) {
+// A misuse's end: the lines `before`, the monitor's dump with `runtimeText`, then the fatal
+// report of `operation`.
+testing::Matcher<const std::string&> misuse(const IEpollMonitor& monitor, const Lines& before,
+                                            const std::string& runtimeText, const char* operation) {
     const Lines dump{kMon + monitor.getName() + ": logv:0 " + config(monitor),
                      kMon + "    " + runtimeText};
-    return fatal(before + dump, "EpollMonitor", operation, format("[%s] FATAL", operation));
+    return entriesAre(
+        fatal(before + dump, "EpollMonitor", operation, format("[%s] FATAL", operation)));
 }
 
 TEST(MonitorDeathTest, MisuseDumpsTheStateToTheErrorLogThenEnds) {
@@ -221,25 +224,24 @@ TEST(MonitorDeathTest, MisuseDumpsTheStateToTheErrorLogThenEnds) {
     const std::string aGone = format(" detach=[ %d ]", a.getEventFD());
     monitor->attach(&a, EPOLLIN);
     EXPECT_DEATH(monitor->attach(&a, EPOLLIN),
-                 entriesAre(misuse(*monitor, {kMon + entry(a) + " has existed"},
-                                   runtime(2, 0, 1, " attach=[ " + entry(a) + " ]"), "attach")));
+                 misuse(*monitor, {kMon + entry(a) + " has existed"},
+                        runtime(2, 0, 1, " attach=[ " + entry(a) + " ]"), "attach"));
     monitor->detach(&a);
     // A regular file cannot be watched; its entry keeps what was being attached.
     EXPECT_DEATH(monitor->attach(&file, EPOLLIN),
-                 entriesAre(misuse(
-                     *monitor,
-                     {kSys + epollCtlError("Add", e, file.fd, "err=-1(Operation not permitted)"),
-                      kMon + entry(file) + " has existed"},
-                     runtime(2, 1, 1, " attach=[ " + entry(file) + " ]" + aGone), "attach")));
+                 misuse(*monitor,
+                        {kSys + epollCtlError("Add", e, file.fd, "err=-1(Operation not permitted)"),
+                         kMon + entry(file) + " has existed"},
+                        runtime(2, 1, 1, " attach=[ " + entry(file) + " ]" + aGone), "attach"));
     EXPECT_DEATH(monitor->modify(&a, EPOLLIN),
-                 entriesAre(misuse(*monitor,
-                                   {kSys + epollCtlError("Mod", e, a.getEventFD(),
-                                                         "err=-2(No such file or directory)")},
-                                   runtime(1, 1, 1, aGone), "modify")));
+                 misuse(*monitor,
+                        {kSys + epollCtlError("Mod", e, a.getEventFD(),
+                                              "err=-2(No such file or directory)")},
+                        runtime(1, 1, 1, aGone), "modify"));
     const auto other = IEpollMonitor::make("f");  // its map gets an entry for what it never had
     EXPECT_DEATH(other->detach(&file),
-                 entriesAre(misuse(*other, {kMon + entry(file) + " not found"},
-                                   runtime(0, 0, 1, format(" detach=[ %d ]", file.fd)), "detach")));
+                 misuse(*other, {kMon + entry(file) + " not found"},
+                        runtime(0, 0, 1, format(" detach=[ %d ]", file.fd)), "detach"));
     ::close(file.fd);
 }
 
