@@ -57,8 +57,7 @@ TEST(LogStatement, ReportsTheLineWhereTheStatementStarts) {
 }
 
 // Shows on stderr, in order, what the unified logger is handed.
-class EchoLogger : public ULogger {
-public:
+struct EchoLogger : ULogger {
     void writeLine(uint32_t module, const char* tag, int level, const char* text,
                    int length) override {
         std::fprintf(stderr, "unified %#x %s %d %d %s\n", module, tag, level, length, text);
