@@ -71,8 +71,7 @@ LogCapture::LogCapture(LogSwitches s)
              ULogger::sNormalDetailsMask.exchange(s.mask), true} {
     for (int i = 0; i < kLogInfoLevels; ++i) {
         mSavedBits[i] = g_logInfoLv[i].enableMask;
-        g_logInfoLv[i].enableMask =
-            s.bit55 ? mSavedBits[i] | kModuleBit : mSavedBits[i] & ~kModuleBit;
+        g_logInfoLv[i].enableMask = (mSavedBits[i] & ~kModuleBit) | (s.bit55 ? kModuleBit : 0);
     }
     host::setDebugPrintSink(
         [](void* self, const char* tag, cam_debug_level_t level, const char* text) {
@@ -99,11 +98,6 @@ void LogCapture::writeLine(uint32_t module, const char* tag, int level, const ch
     mTexts.push_back(text);
 }
 
-Lines LogCapture::copy(const Lines& lines) const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return lines;
-}
-
 std::string withoutPid(const std::string& marker) {
     static const std::regex pid(R"(\|\d+)");
     return std::regex_replace(marker, pid, "", std::regex_constants::format_first_only);
@@ -125,11 +119,6 @@ TraceCapture::~TraceCapture() {
     host::setTavrelTraceBits(0);
     host::setAtraceEnabledTags(0);
     host::setTraceSink(nullptr, nullptr);
-}
-
-Lines TraceCapture::markers() const {
-    std::lock_guard<std::mutex> lock(mutex);
-    return recorded;
 }
 
 Lines logEntries(const std::string& text) {
@@ -154,11 +143,6 @@ testing::Matcher<const std::string&> entriesAre(const Lines& entries) {
 TempDir::TempDir() {
     std::string pattern = std::filesystem::temp_directory_path() / "tavrel-test-XXXXXX";
     path = ::mkdtemp(pattern.data()) != nullptr ? pattern : "";
-}
-
-TempDir::~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
 }
 
 std::string TempDir::write(const std::string& name, const std::string& content) const {
@@ -274,11 +258,6 @@ void EventObserver::onEvent(const OnEvent& event) {
     while (::read(owned.get(), &value, sizeof(value)) == sizeof(value)) read += value;
     units += read;
     FdObserver::onEvent(event);
-}
-
-void EventObserver::signal() const {
-    const uint64_t one = 1;
-    if (::write(owned.get(), &one, sizeof(one)) != sizeof(one)) ADD_FAILURE() << "signal";
 }
 
 }  // namespace tavrel::test
