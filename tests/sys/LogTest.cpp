@@ -91,9 +91,7 @@ Lines printed(LogSwitches switches, uint32_t level, const char* tag,
         ULogPrinter printer(tag, 0x08002001, level, ANDROID_LOG_WARN, "pre:", false);
         print(printer);
     }
-    Lines lines = logEntries(err.text());
-    for (const std::string& line : capture.unified()) lines.push_back(line);
-    return lines;
+    return logEntries(err.text()) + capture.unified();
 }
 
 TEST(ULogPrinter, LevelAndModuleGatesThenEachRouteBySwitch) {
