@@ -136,9 +136,12 @@ TEST(Timer, ACallbackMayRestartStopOrDropItsOwnTimer) {
             ++calls;
         });
     const std::weak_ptr<Timer> gone = timers[3];
-    for (int i = 0; i < 4; ++i) {  // the first once, the others every millisecond
-        running.monitor->attach(timers[i].get(), int(timers[i]->getEventType()));
-        timers[i]->startTimerAbsoluteTime(&kLongPast, i == 0 ? &kNone : &kMillisecond);
+    // The first once, the others every millisecond. Not through `timers` once started: the
+    // fourth callback resets its entry.
+    for (Timer* timer : {timers[0].get(), timers[1].get(), timers[2].get(), timers[3].get()}) {
+        running.monitor->attach(timer, int(timer->getEventType()));
+        timer->startTimerAbsoluteTime(&kLongPast,
+                                      timer == timers[0].get() ? &kNone : &kMillisecond);
     }
     ASSERT_TRUE(waitUntil([&] {
         return gone.expired() && calls == 4 && settingOf(*timers[1]).it_value.tv_sec >= 8;
