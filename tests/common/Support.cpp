@@ -67,11 +67,11 @@ static std::string withoutLineNumbers(const std::string& text) {
 
 LogCapture::LogCapture(LogSwitches s)
     : mPrevious(ULogger::sULogger.exchange(this)),
-      mSaved{ULogger::sMode, ULogger::sDetailsLevel, ULogger::sNormalDetailsMask, true} {
+      mSaved{ULogger::sMode.exchange(s.mode), ULogger::sDetailsLevel.exchange(s.details),
+             ULogger::sNormalDetailsMask.exchange(s.mask), true} {
     for (int i = 0; i < kLogInfoLevels; ++i) {
         mSavedBits[i] = g_logInfoLv[i].enableMask;
-        g_logInfoLv[i].enableMask =
-            s.bit55 ? mSavedBits[i] | kModuleBit : mSavedBits[i] & ~kModuleBit;
+        g_logInfoLv[i].enableMask = (mSavedBits[i] & ~kModuleBit) | (s.bit55 ? kModuleBit : 0);
     }
     host::setDebugPrintSink(
         [](void* self, const char* tag, cam_debug_level_t level, const char* text) {
@@ -80,9 +80,6 @@ LogCapture::LogCapture(LogSwitches s)
             capture->mDebug.push_back(format("%d %s ", level, tag) + withoutLineNumbers(text));
         },
         this);
-    ULogger::sMode = s.mode;
-    ULogger::sDetailsLevel = s.details;
-    ULogger::sNormalDetailsMask = s.mask;
 }
 
 LogCapture::~LogCapture() {
@@ -101,15 +98,9 @@ void LogCapture::writeLine(uint32_t module, const char* tag, int level, const ch
     mTexts.push_back(text);
 }
 
-Lines LogCapture::copy(const Lines& lines) const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return lines;
-}
-
 std::string withoutPid(const std::string& marker) {
-    std::string text = marker;
-    const size_t pid = text.find('|');
-    return text.erase(pid, text.find('|', pid + 1) - pid);
+    static const std::regex pid(R"(\|\d+)");
+    return std::regex_replace(marker, pid, "", std::regex_constants::format_first_only);
 }
 
 TraceCapture::TraceCapture(uint64_t bits, uint64_t tags) {
@@ -128,11 +119,6 @@ TraceCapture::~TraceCapture() {
     host::setTavrelTraceBits(0);
     host::setAtraceEnabledTags(0);
     host::setTraceSink(nullptr, nullptr);
-}
-
-Lines TraceCapture::markers() const {
-    std::lock_guard<std::mutex> lock(mutex);
-    return recorded;
 }
 
 Lines logEntries(const std::string& text) {
@@ -159,11 +145,6 @@ TempDir::TempDir() {
     path = ::mkdtemp(pattern.data()) != nullptr ? pattern : "";
 }
 
-TempDir::~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
-}
-
 std::string TempDir::write(const std::string& name, const std::string& content) const {
     std::ofstream(path + "/" + name) << content;
     return path + "/" + name;
@@ -178,11 +159,10 @@ Outcome run(const std::string& command, const std::string& program) {
     FILE* pipe =
         ::popen((std::regex_replace(command, std::regex("%T"), program) + " 2>&1").c_str(), "r");
     if (pipe == nullptr) return {-1, ""};
-    Outcome outcome{-1, ""};
-    for (int c; (c = std::fgetc(pipe)) != EOF;) outcome.out += static_cast<char>(c);
+    std::string out;
+    for (int c; (c = std::fgetc(pipe)) != EOF;) out += static_cast<char>(c);
     const int status = ::pclose(pipe);
-    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return outcome;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
 }
 
 Outcome runWithProperties(const std::string& name, const std::string& properties) {
@@ -278,11 +258,6 @@ void EventObserver::onEvent(const OnEvent& event) {
     while (::read(owned.get(), &value, sizeof(value)) == sizeof(value)) read += value;
     units += read;
     FdObserver::onEvent(event);
-}
-
-void EventObserver::signal() const {
-    const uint64_t one = 1;
-    if (::write(owned.get(), &one, sizeof(one)) != sizeof(one)) ADD_FAILURE() << "signal";
 }
 
 }  // namespace tavrel::test

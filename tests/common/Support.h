@@ -84,7 +84,10 @@ public:
     Lines texts() const { return copy(mTexts); }
 
 private:
-    Lines copy(const Lines& lines) const;
+    Lines copy(const Lines& lines) const {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return lines;
+    }
     mutable std::mutex mMutex;               // guards the records
     Lines mUnified, mDebug, mTexts;          // in order
     NSCam::Utils::ULog::ULogger* mPrevious;  // what is put back
@@ -100,7 +103,10 @@ std::string withoutPid(const std::string& marker);
 struct TraceCapture {
     explicit TraceCapture(uint64_t bits, uint64_t tags = 0x400);
     ~TraceCapture();
-    Lines markers() const;
+    Lines markers() const {
+        std::lock_guard<std::mutex> lock(mutex);
+        return recorded;
+    }
     mutable std::mutex mutex;  // guards `recorded`
     Lines recorded;
 };
@@ -121,7 +127,10 @@ testing::Matcher<const std::string&> entriesAre(const Lines& entries);
 // A folder removed with its content when the object goes.
 struct TempDir {
     TempDir();
-    ~TempDir();
+    ~TempDir() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
     // Writes a file into the folder; returns its path.
     std::string write(const std::string& name, const std::string& content) const;
     std::string path;
@@ -232,7 +241,7 @@ struct FdObserver : IEventObserver {
 struct EventObserver : FdObserver {
     explicit EventObserver(std::function<void(const OnEvent&)> onEach = {});
     void onEvent(const OnEvent& event) override;
-    void signal() const;
+    void signal() const { EXPECT_EQ(::eventfd_write(owned.get(), 1), 0) << "signal"; }
     // Closes the eventfd, as an owner that forgets to detach first; the number stays.
     void closeFd() { owned.reset(); }
     host::UniqueFd owned;            // the eventfd

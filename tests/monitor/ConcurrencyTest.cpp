@@ -13,69 +13,63 @@
 namespace tavrel::test {
 namespace {
 
-struct Loop {
-    std::shared_ptr<IEpollMonitor> monitor = IEpollMonitor::make("batch");
-    std::shared_ptr<IThreadLoop> thread = std::dynamic_pointer_cast<IThreadLoop>(monitor);
-};
-
 // Regression: observer A's onEvent detached and deleted B while B's entry was later in the
 // same batch, and the loop then called B through a dangling pointer.
 TEST(DetachInBatch, ADetachedObserverIsNotCalledForTheRestOfTheBatch) {
-    const Loop loop;
+    const auto monitor = IEpollMonitor::make("batch");
+    const auto loop = std::dynamic_pointer_cast<IThreadLoop>(monitor);
     int calls = 0;
     std::unique_ptr<EventObserver> observers[2];
-    for (int i = 0; i < 2; ++i) {
-        // Whichever of the two comes first detaches and deletes the other.
+    for (int i = 0; i < 2; ++i)  // whichever of the two comes first detaches and deletes the other
         observers[i] = std::make_unique<EventObserver>([&, i](const OnEvent&) {
             ++calls;
-            loop.monitor->detach(observers[1 - i].get());
+            monitor->detach(observers[1 - i].get());
             observers[1 - i].reset();
         });
-    }
-    EventObserver last([&](const OnEvent&) { loop.thread->requestExit(); });
+    EventObserver last([&](const OnEvent&) { loop->requestExit(); });
     for (EventObserver* observer : {observers[0].get(), observers[1].get(), &last}) {
-        loop.monitor->attach(observer, EPOLLIN);
+        monitor->attach(observer, EPOLLIN);
         observer->signal();
     }
-    loop.thread->threadLoop();
+    loop->threadLoop();
     EXPECT_EQ(calls * 10 + last.calls, 11);
     for (auto& observer : observers)
-        if (observer != nullptr) loop.monitor->detach(observer.get());
-    loop.monitor->detach(&last);
+        if (observer != nullptr) monitor->detach(observer.get());
+    monitor->detach(&last);
 }
 
 // Regression: A detached B, closed its descriptor and attached C, which got the same
 // number; B's stale entry in the batch must reach neither B nor C.
 TEST(DetachInBatch, AStaleEntryReachesNeitherItsObserverNorTheNextOwnerOfItsNumber) {
-    const Loop loop;
+    const auto monitor = IEpollMonitor::make("batch");
+    const auto loop = std::dynamic_pointer_cast<IThreadLoop>(monitor);
     EventObserver b;
     std::unique_ptr<EventObserver> c;
     EventObserver a([&](const OnEvent&) {
-        loop.monitor->detach(&b);
+        monitor->detach(&b);
         b.closeFd();
         c = std::make_unique<EventObserver>();
-        loop.monitor->attach(c.get(), EPOLLIN);
-        loop.thread->requestExit();
+        monitor->attach(c.get(), EPOLLIN);
+        loop->requestExit();
     });
     for (EventObserver* observer : {&a, &b}) {
-        loop.monitor->attach(observer, EPOLLIN);
+        monitor->attach(observer, EPOLLIN);
         observer->signal();
     }
-    loop.thread->threadLoop();
+    loop->threadLoop();
     ASSERT_EQ(c->getEventFD(), b.getEventFD());
     EXPECT_EQ(b.calls + c->calls, 0);
-    loop.monitor->detach(&a);
-    loop.monitor->detach(c.get());
+    monitor->detach(&a);
+    monitor->detach(c.get());
 }
 
 // The kernel's epoll set as "fd events data" entries, from the epoll descriptor's fdinfo.
 std::set<std::string> kernelSet(int epollFd) {
     std::ifstream info(format("/proc/self/fdinfo/%d", epollFd));
     std::set<std::string> set;
-    for (std::string word, fd, events, data; info >> word;) {
+    for (std::string word, fd, events, data; info >> word;)
         if (word == "tfd:" && info >> fd >> word >> events >> word >> data)
             set.insert(fd + " " + events + " " + data);
-    }
     return set;
 }
 
@@ -103,19 +97,15 @@ TEST(Registry, ASeededWalkKeepsTheKernelSetInStepWithAModel) {
         const std::string entry = format("%d %x %lx", fd, mask | EPOLLERR | EPOLLHUP,
                                          reinterpret_cast<unsigned long>(observer.get()));
         FdObserver other(fd);  // detaches by descriptor, as the registered observer would
-        if (op == 0 && !attached) {
-            monitor->attach(observer.get(), int(mask));
-            model[fd] = entry;
-        } else if (op == 1 && attached) {
-            monitor->modify(observer.get(), int(mask));
-            model[fd] = entry;
-        } else if (op == 2 && attached) {
+        if (op == 0 && !attached) monitor->attach(observer.get(), int(mask));
+        if (op == 1 && attached) monitor->modify(observer.get(), int(mask));
+        if (op < 2 && attached == (op == 1)) model[fd] = entry;
+        if (op == 2 && attached) {
             monitor->detach(random() % 2 != 0 ? &other
                                               : static_cast<IEventObserver*>(observer.get()));
             model.erase(fd);
-        } else if (op == 3 && !attached) {
-            observer = std::make_unique<EventObserver>();  // its number is free for reuse
         }
+        if (op == 3 && !attached) observer = std::make_unique<EventObserver>();  // number freed
         std::set<std::string> kernel = own;
         for (const auto& [number, registered] : model) kernel.insert(registered);
         ASSERT_EQ(kernelSet(epollFd), kernel) << "step " << step;
@@ -149,44 +139,42 @@ TEST(MonitorStress, EveryUnitIsConsumedEveryRegistrationUndoneAndNothingLogged) 
         });
         RunningMonitor running;
         monitor = running.monitor;
-        running.monitor->attach(&relay, EPOLLIN);
+        monitor->attach(&relay, EPOLLIN);
         std::vector<std::thread> threads;
-        for (int t = 0; t < 4; ++t) {
+        for (int t = 0; t < 4; ++t)
             threads.emplace_back([&, t] {
                 const timespec past{0, 1}, once{};
                 // Once a signal to this thread's own barrier has been dispatched, every batch
                 // that could still hold its detached observers has ended.
                 EventObserver barrier;
-                running.monitor->attach(&barrier, EPOLLIN);
+                monitor->attach(&barrier, EPOLLIN);
                 do {  // at least once, however late the thread starts
                     EventObserver observer;
                     std::atomic<int> fired{0};
-                    const auto timer = std::make_shared<NSCam::NSTavrel::Timer>(
-                        "stress", CLOCK_MONOTONIC, [&] { ++fired; });
-                    running.monitor->attach(&observer, EPOLLIN | EPOLLET);
-                    running.monitor->attach(timer.get(), int(timer->getEventType()));
+                    const auto timer =
+                        std::make_shared<Timer>("stress", CLOCK_MONOTONIC, [&] { ++fired; });
+                    monitor->attach(&observer, EPOLLIN | EPOLLET);
+                    monitor->attach(timer.get(), int(timer->getEventType()));
                     timer->startTimerAbsoluteTime(&past, &once);
                     for (int unit = 0; unit < 3; ++unit) observer.signal();
-                    running.monitor->modify(&observer, EPOLLIN);
+                    monitor->modify(&observer, EPOLLIN);
                     if (t == 0) relay.signal();
                     if (t == 1) pthread_kill(running.driver.nativeHandle(), SIGUSR1);
                     lost += !waitUntil([&] { return observer.units == 3 && fired == 1; });
-                    running.monitor->detach(&observer);
-                    running.monitor->detach(timer.get());
+                    monitor->detach(&observer);
+                    monitor->detach(timer.get());
                     const int passed = barrier.calls;
                     barrier.signal();
                     lost += !waitUntil([&] { return barrier.calls > passed; });
                     operations += 2;
                 } while (std::chrono::steady_clock::now() < end);
-                running.monitor->detach(&barrier);
+                monitor->detach(&barrier);
                 operations += 1;
             });
-        }
         for (std::thread& thread : threads) thread.join();
-        running.monitor->detach(&relay);
+        monitor->detach(&relay);
         const uint64_t n = operations + uint64_t(relayed) + 1;  // and the relay's
-        EXPECT_EQ(dumpOf(*running.monitor).at(1).find(format("{ #attach=%lu #detach=%lu", n, n)),
-                  4u);
+        EXPECT_EQ(dumpOf(*monitor).at(1).find(format("{ #attach=%lu #detach=%lu", n, n)), 4u);
     }
     ::sigaction(SIGUSR1, &previous, nullptr);
     EXPECT_EQ(capture.texts(), Lines{});

@@ -8,7 +8,7 @@ namespace {
 
 constexpr int kNotGiven = IThreadLoop::ReadyToRun::kNotGiven;
 constexpr const char* kBadFd = "err=-9(Bad file descriptor)";
-const std::string kSys = "E tavrel-syscall: ";
+const std::string kSys = "E tavrel-syscall: ", kMon = "E tavrel-EpollMonitor: ";
 
 std::string config(const IEpollMonitor& m) {
     return format("{ %s .mEpollFd=%d .mEventFd=%d }", m.getName().c_str(), descriptorsOf(m).first,
@@ -25,22 +25,21 @@ std::string entry(const IEventObserver& o) {
     return format("(%d, %p)", o.getEventFD(), static_cast<const void*>(&o));
 }
 
+using Values = std::vector<std::pair<const char*, std::string>>;
+
 // `text` with each placeholder replaced by its value, in order.
-std::string fill(std::string text, const std::vector<std::pair<const char*, std::string>>& values) {
+std::string fill(std::string text, const Values& values) {
     for (const auto& [placeholder, value] : values)
         text = std::regex_replace(text, std::regex(placeholder), value);
     return text;
 }
 
-struct Seen {
-    std::string config, monitor, self, observer, entry;
-    int epollFd, eventFd, fd;
-};
-
 // One life of monitor "s" on this thread: made; an observer attached and modified; one
 // batch in which the observer asks the loop to end; the interrupt read, read again when
 // there is none, and left alone for a write-only event; the observer detached; destroyed.
-Seen runScenario() {
+// Returns what it saw as placeholders: the config, the monitor and it as an observer, the
+// observer and its entry, its descriptor, the monitor's eventfd and epoll descriptor.
+Values runScenario() {
     const auto monitor = IEpollMonitor::make("s");
     const auto loop = std::dynamic_pointer_cast<IThreadLoop>(monitor);
     const auto self = std::dynamic_pointer_cast<IEventObserver>(monitor);
@@ -54,16 +53,18 @@ Seen runScenario() {
     monitor->detach(&observer);
     const auto [epollFd, eventFd] = descriptorsOf(*monitor);
     const auto at = [](const void* p) { return format("%p", p); };
-    return {config(*monitor), at(monitor.get()), at(self.get()), at(&observer),
-            entry(observer),  epollFd,           eventFd,        observer.getEventFD()};
+    return {{"@C", config(*monitor)},        {"@P", at(monitor.get())},
+            {"@S", at(self.get())},          {"@O", at(&observer)},
+            {"@E", entry(observer)},         {"@F", std::to_string(observer.getEventFD())},
+            {"@V", std::to_string(eventFd)}, {"@Q", std::to_string(epollFd)}};
 }
 
 TEST(MonitorLife, EachStepLogsItsLineWithTheDumps) {
     const ScopedProperty logv("persist.vendor.camera.tavrel.EpollMonitor.logv", "1");
     const LogCapture capture;
-    const Seen s = runScenario();
+    const Values s = runScenario();
     // clang-format off
-    const std::string expected = fill(R"(3 @M EpollMonitor() [EpollMonitor] this(@P @S) @C @0
+    const std::string expected = fill(fill(R"(3 @M EpollMonitor() [EpollMonitor] this(@P @S) @C @0
 3 @M attach() [attach] @E
 3 @M modify() [modify] @E
 3 @M threadLoop() [threadLoop] + @C @1
@@ -79,8 +80,7 @@ TEST(MonitorLife, EachStepLogsItsLineWithTheDumps) {
 3 @M ~EpollMonitor() [~EpollMonitor] @C @3)",
         {{"@M", "tavrel-EpollMonitor [tavrel-EpollMonitor] EpollMonitor:N"}, {"@0", runtime(0, 0, 1, "")},
          {"@1", runtime(1, 0, 1, " attach=[ @E ]")}, {"@2", runtime(1, 0, 0, " attach=[ @E ]")},
-         {"@3", runtime(1, 1, 0, " detach=[ @F ]")}, {"@P", s.monitor}, {"@S", s.self}, {"@C", s.config},
-         {"@E", s.entry}, {"@F", std::to_string(s.fd)}, {"@O", s.observer}, {"@V", std::to_string(s.eventFd)}});
+         {"@3", runtime(1, 1, 0, " detach=[ @F ]")}}), s);
     // clang-format on
     std::string got;
     for (const std::string& line : capture.debug()) got += (got.empty() ? "" : "\n") + line;
@@ -90,32 +90,32 @@ TEST(MonitorLife, EachStepLogsItsLineWithTheDumps) {
 }
 
 TEST(MonitorLife, EachStepIsTracedUnderItsOwnCategoryBit) {
-    const Seen s = runScenario();  // untraced: the numbers every later run gets as well
-    EXPECT_EQ(::fcntl(s.eventFd, F_GETFD) + ::fcntl(s.epollFd, F_GETFD), -2);  // both closed
+    const Values s = runScenario();  // untraced: the numbers every later run gets as well
+    int eventFd = -1, epollFd = -1;
+    std::sscanf(fill("@V @Q", s).c_str(), "%d %d", &eventFd, &epollFd);
+    EXPECT_EQ(::fcntl(eventFd, F_GETFD) + ::fcntl(epollFd, F_GETFD), -2);  // both closed
     // Each step's markers as "bit:marker;", in order: construction, attach, modify, one
     // batch, the three interrupt events, detach, destruction.
     const std::string text =
         std::regex_replace(R"(4:B|EpollMonitor;0:B|EPollCreate;0:E;0:B|EventFD;0:E;
         1:B|EPollCtlAdd;1:E;4:E;10:B|P2DrvEP-s::attachObserver;10:B|fetch_add;10:E;
         36:C|P2DrvEP-s-#FdObserverCount|1;10:B|fetch observer;1:B|EPollCtlAdd;1:E;10:E;
-        37:S|P2DrvEP-s-FdObserver|@;10:E;10:B|P2DrvEP-s::modifyObserver;1:B|EPollCtlMod;1:E;10:E;
-        4:B|threadLoop;13:B|tryEpoll;1:B|EPollWait;1:E;12:B|handleEvents;13:B|NOTIFY_READY fd:@;
+        37:S|P2DrvEP-s-FdObserver|@F;10:E;10:B|P2DrvEP-s::modifyObserver;1:B|EPollCtlMod;1:E;10:E;
+        4:B|threadLoop;13:B|tryEpoll;1:B|EPollWait;1:E;12:B|handleEvents;13:B|NOTIFY_READY fd:@F;
         4:B|P2DrvEP-s::requestExit;4:B|sendInterruptEvent;0:B|Write;0:E;4:E;4:E;13:E;12:E;13:E;4:E;
         4:B|isInterruptEvent;0:B|Read;0:E;4:E;4:B|isInterruptEvent;0:B|Read;0:E;4:E;
         4:B|isInterruptEvent;4:E;14:B|P2DrvEP-s::detachObserver;14:B|fetch observer;
-        1:B|EPollCtlDel;1:E;14:E;36:C|P2DrvEP-s-#FdObserverCount|0;37:F|P2DrvEP-s-FdObserver|@;
+        1:B|EPollCtlDel;1:E;14:E;36:C|P2DrvEP-s-#FdObserverCount|0;37:F|P2DrvEP-s-FdObserver|@F;
         14:E;4:B|~EpollMonitor;1:B|EPollCtlDel;1:E;0:B|Close;0:E;0:B|Close;0:E;4:E;)",
                            std::regex("\n *"), "");
-    std::istringstream steps(std::regex_replace(text, std::regex("@"), std::to_string(s.fd)));
-    std::vector<std::pair<int, std::string>> markers;
-    for (std::string step; std::getline(steps, step, ';');)
-        markers.push_back({std::stoi(step), step.substr(step.find(':') + 1)});
     // -1: every category; -2: every category but no camera tag; -3: no category, every tag.
     const uint64_t all = ~uint64_t{0}, bits[] = {all, all, 0}, tags[] = {0x400, ~0x400ul, all};
     for (const int bit : {-1, -2, -3, 0, 1, 4, 10, 12, 13, 14, 36, 37}) {
         Lines expected;
-        for (const auto& [markerBit, marker] : markers)
-            if (bit == -1 || markerBit == bit) expected.push_back(marker);
+        std::istringstream steps(fill(text, s));
+        for (std::string step; std::getline(steps, step, ';');)
+            if (bit == -1 || std::stoi(step) == bit)
+                expected.push_back(step.substr(step.find(':') + 1));
         const TraceCapture trace(bit < 0 ? bits[-1 - bit] : uint64_t{1} << bit,
                                  bit < 0 ? tags[-1 - bit] : 0x400);
         runScenario();
@@ -123,27 +123,24 @@ TEST(MonitorLife, EachStepIsTracedUnderItsOwnCategoryBit) {
     }
 }
 
-TEST(MonitorLife, ATraceNameMadeAtRunTimeIsWholeOrEmpty) {
+// A trace name made at run time is whole, or empty when too long for its buffer; an interrupt
+// that cannot be written, to an eventfd at the most it counts, is logged.
+TEST(MonitorLife, ATraceNameMadeAtRunTimeIsWholeOrEmptyAndAnUnwrittenInterruptIsLogged) {
     for (const size_t length : {127u, 128u}) {
         const std::string name(length - std::strlen("P2DrvEP-::requestExit"), 'n');
         const auto monitor = IEpollMonitor::make(name.c_str());
+        const int eventFd = descriptorsOf(*monitor).second;
+        const uint64_t most = 0xfffffffffffffffe;
+        ASSERT_EQ(::write(eventFd, &most, sizeof(most)), 8);
         const TraceCapture trace(uint64_t{1} << 4);
+        const LogCapture capture({3, 2});
         std::dynamic_pointer_cast<IThreadLoop>(monitor)->requestExit();
         EXPECT_EQ(trace.markers().at(0),
                   length < 128 ? "B|P2DrvEP-" + name + "::requestExit" : "B|");
+        ASSERT_EQ(capture.texts().size(), 2u);  // Write's own line, then the monitor's
+        EXPECT_EQ(capture.texts()[1],
+                  format("[sendInterruptEvent] write(%d) returns -11 != 8", eventFd));
     }
-}
-
-TEST(MonitorLife, AnInterruptThatCannotBeWrittenIsLogged) {
-    const auto monitor = IEpollMonitor::make("full");
-    const int eventFd = descriptorsOf(*monitor).second;
-    const uint64_t most = 0xfffffffffffffffe;  // the most an eventfd counts
-    ASSERT_EQ(::write(eventFd, &most, sizeof(most)), 8);
-    const LogCapture capture({3, 2});
-    std::dynamic_pointer_cast<IThreadLoop>(monitor)->requestExit();
-    ASSERT_EQ(capture.texts().size(), 2u);  // Write's own line, then the monitor's
-    EXPECT_EQ(capture.texts()[1],
-              format("[sendInterruptEvent] write(%d) returns -11 != 8", eventFd));
 }
 
 // Detaching an observer whose owner closed its descriptor first: the kernel refuses the
@@ -208,12 +205,14 @@ Lines fatal(Lines before, const std::string& file, const char* function, const s
     return before + Lines{"E " + tag + ": " + text, longForm, "F " + tag + ": " + longForm};
 }
 
-Lines misuse(const IEpollMonitor& monitor, const Lines& before, const std::string& runtimeText,
-             const char* operation) {
-    const std::string tag = "E tavrel-EpollMonitor: ",
-                      first = monitor.getName() + ": logv:0 " + config(monitor);
-    return fatal(before + Lines{tag + first, tag + "    " + runtimeText}, "EpollMonitor", operation,
-                 format("[%s] FATAL", operation));
+// A misuse's end: the lines `before`, the monitor's dump with `runtimeText`, then the fatal
+// report of `operation`.
+testing::Matcher<const std::string&> misuse(const IEpollMonitor& monitor, const Lines& before,
+                                            const std::string& runtimeText, const char* operation) {
+    const Lines dump{kMon + monitor.getName() + ": logv:0 " + config(monitor),
+                     kMon + "    " + runtimeText};
+    return entriesAre(
+        fatal(before + dump, "EpollMonitor", operation, format("[%s] FATAL", operation)));
 }
 
 TEST(MonitorDeathTest, MisuseDumpsTheStateToTheErrorLogThenEnds) {
@@ -222,29 +221,27 @@ TEST(MonitorDeathTest, MisuseDumpsTheStateToTheErrorLogThenEnds) {
     EventObserver a;
     const TempDir temp;
     FdObserver file(::open(temp.write("plain", "").c_str(), O_RDONLY | O_CLOEXEC));
-    const std::string tag = "E tavrel-EpollMonitor: ",
-                      aGone = format(" detach=[ %d ]", a.getEventFD());
+    const std::string aGone = format(" detach=[ %d ]", a.getEventFD());
     monitor->attach(&a, EPOLLIN);
     EXPECT_DEATH(monitor->attach(&a, EPOLLIN),
-                 entriesAre(misuse(*monitor, {tag + entry(a) + " has existed"},
-                                   runtime(2, 0, 1, " attach=[ " + entry(a) + " ]"), "attach")));
+                 misuse(*monitor, {kMon + entry(a) + " has existed"},
+                        runtime(2, 0, 1, " attach=[ " + entry(a) + " ]"), "attach"));
     monitor->detach(&a);
     // A regular file cannot be watched; its entry keeps what was being attached.
     EXPECT_DEATH(monitor->attach(&file, EPOLLIN),
-                 entriesAre(misuse(
-                     *monitor,
-                     {kSys + epollCtlError("Add", e, file.fd, "err=-1(Operation not permitted)"),
-                      tag + entry(file) + " has existed"},
-                     runtime(2, 1, 1, " attach=[ " + entry(file) + " ]" + aGone), "attach")));
+                 misuse(*monitor,
+                        {kSys + epollCtlError("Add", e, file.fd, "err=-1(Operation not permitted)"),
+                         kMon + entry(file) + " has existed"},
+                        runtime(2, 1, 1, " attach=[ " + entry(file) + " ]" + aGone), "attach"));
     EXPECT_DEATH(monitor->modify(&a, EPOLLIN),
-                 entriesAre(misuse(*monitor,
-                                   {kSys + epollCtlError("Mod", e, a.getEventFD(),
-                                                         "err=-2(No such file or directory)")},
-                                   runtime(1, 1, 1, aGone), "modify")));
+                 misuse(*monitor,
+                        {kSys + epollCtlError("Mod", e, a.getEventFD(),
+                                              "err=-2(No such file or directory)")},
+                        runtime(1, 1, 1, aGone), "modify"));
     const auto other = IEpollMonitor::make("f");  // its map gets an entry for what it never had
     EXPECT_DEATH(other->detach(&file),
-                 entriesAre(misuse(*other, {tag + entry(file) + " not found"},
-                                   runtime(0, 0, 1, format(" detach=[ %d ]", file.fd)), "detach")));
+                 misuse(*other, {kMon + entry(file) + " not found"},
+                        runtime(0, 0, 1, format(" detach=[ %d ]", file.fd)), "detach"));
     ::close(file.fd);
 }
 
@@ -290,22 +287,21 @@ TEST(MonitorDeathTest, BrokenLoopsAndDescriptorsThatCannotBeMadeOrRegisteredEndT
 }
 
 // Descriptor 0 is a descriptor like any other: made, tagged, used and closed as such.
-[[noreturn]] void useDescriptorZero() {
-    ::close(0);
-    auto monitor = IEpollMonitor::make("zero");
-    const bool epollIsZero = descriptorsOf(*monitor).first == 0;
-    const TraceCapture trace(uint64_t{1} << 1);
-    monitor.reset();  // takes the eventfd off the epoll instance before closing both
-    const bool removed = trace.markers() == Lines{"B|EPollCtlDel", "E"};
-    const bool closed = ::fcntl(0, F_GETFD) == -1;
-    auto timer = std::make_shared<Timer>("zero", CLOCK_MONOTONIC, [] {});
-    const bool timerIsZero = timer->getEventFD() == 0;
-    timer.reset();
-    _exit(epollIsZero && removed && closed && timerIsZero && ::fcntl(0, F_GETFD) == -1 ? 0 : 1);
-}
-
 TEST(MonitorDeathTest, DescriptorZeroIsNoError) {
-    EXPECT_EXIT(useDescriptorZero(), testing::ExitedWithCode(0), entriesAre({}));
+    EXPECT_EXIT(
+        {
+            ::close(0);
+            auto monitor = IEpollMonitor::make("zero");
+            bool ok = descriptorsOf(*monitor).first == 0;  // the epoll instance's
+            const TraceCapture trace(uint64_t{1} << 1);
+            monitor.reset();  // takes the eventfd off the epoll instance before closing both
+            ok = ok && trace.markers() == (Lines{"B|EPollCtlDel", "E"}) && ::fcntl(0, F_GETFD) < 0;
+            auto timer = std::make_shared<Timer>("zero", CLOCK_MONOTONIC, [] {});
+            ok = ok && timer->getEventFD() == 0;
+            timer.reset();
+            _exit(ok && ::fcntl(0, F_GETFD) == -1 ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), entriesAre({}));
 }
 
 }  // namespace

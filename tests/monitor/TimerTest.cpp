@@ -4,8 +4,6 @@
 #include <poll.h>
 #include <sys/timerfd.h>
 
-#include <chrono>
-
 #include "common/Support.h"
 
 namespace tavrel::test {
@@ -122,38 +120,37 @@ TEST(Timer, ReArmingKeepsWhatRemainsClearsTheExpirationsAndOutlivesRefusals) {
 }
 
 TEST(Timer, ACallbackMayRestartStopOrDropItsOwnTimer) {
-    std::shared_ptr<Timer> once, restarted, stopped, dropped;
     std::atomic<int> calls{0};
     const RunningMonitor running;  // stopped before the timers go
-    once = makeTimer("once", [&] { ++calls; });
-    restarted = makeTimer("restart", [&] {
-        const timespec later = in(10s);
-        restarted->startTimerAbsoluteTime(&later, &kNone);
-        ++calls;
-    });
-    stopped = makeTimer("stop", [&] {
-        stopped->stopTimer();
-        ++calls;
-    });
-    dropped = makeTimer("drop", [&] {
-        running.monitor->detach(dropped.get());
-        dropped.reset();  // the last owner: the timer goes once its onEvent has returned
-        ++calls;
-    });
-    const std::weak_ptr<Timer> gone = dropped;
-    for (Timer* timer : {once.get(), restarted.get(), stopped.get(), dropped.get()}) {
+    // Each callback counts its call; the second one also restarts its timer ten seconds on,
+    // the third stops it and the fourth drops it, as its last owner: the timer goes once its
+    // onEvent has returned.
+    std::shared_ptr<Timer> timers[4];
+    for (int i = 0; i < 4; ++i)
+        timers[i] = makeTimer("callback", [&, i] {
+            const timespec later = in(10s);
+            if (i == 1) timers[1]->startTimerAbsoluteTime(&later, &kNone);
+            if (i == 2) timers[2]->stopTimer();
+            if (i == 3) running.monitor->detach(timers[3].get());
+            if (i == 3) timers[3].reset();
+            ++calls;
+        });
+    const std::weak_ptr<Timer> gone = timers[3];
+    // The first once, the others every millisecond. Not through `timers` once started: the
+    // fourth callback resets its entry.
+    for (Timer* timer : {timers[0].get(), timers[1].get(), timers[2].get(), timers[3].get()}) {
         running.monitor->attach(timer, int(timer->getEventType()));
-        timer->startTimerAbsoluteTime(&kLongPast, timer == once.get() ? &kNone : &kMillisecond);
+        timer->startTimerAbsoluteTime(&kLongPast,
+                                      timer == timers[0].get() ? &kNone : &kMillisecond);
     }
     ASSERT_TRUE(waitUntil([&] {
-        return gone.expired() && calls == 4 && settingOf(*restarted).it_value.tv_sec >= 8;
+        return gone.expired() && calls == 4 && settingOf(*timers[1]).it_value.tv_sec >= 8;
     }));
     std::this_thread::sleep_for(5ms);  // time for one more expiry, if any was left armed
-    EXPECT_EQ(settingOf(*restarted).it_interval.tv_nsec, 0);
-    EXPECT_TRUE(disarmed(*once) && disarmed(*stopped));
+    EXPECT_EQ(settingOf(*timers[1]).it_interval.tv_nsec, 0);
+    EXPECT_TRUE(disarmed(*timers[0]) && disarmed(*timers[2]));
     EXPECT_EQ(calls, 4);
-    for (Timer* timer : {once.get(), restarted.get(), stopped.get()})
-        running.monitor->detach(timer);
+    for (int i = 0; i < 3; ++i) running.monitor->detach(timers[i].get());
 }
 
 // Periodic timers keep firing however many expire together, and timers disarmed with a
@@ -178,9 +175,8 @@ TEST(TimerLoad, EveryPeriodicTimerKeepsFiringAndNoDisarmedOneRevives) {
     std::this_thread::sleep_for(duration / 4);
     // Counted, not timed: a machine slow enough to miss the last quarter is waited for.
     waitUntil([&] {
-        for (size_t i = 0; i < 20; ++i)
-            if (fired[i] == atThreeQuarters[i]) return false;
-        return true;
+        return std::equal(fired.begin(), fired.begin() + 20, atThreeQuarters.begin(),
+                          std::not_equal_to<>());
     });
     uint64_t rearms = 0, stopped = 0, revived = 0;
     for (size_t i = 0; i < fired.size(); ++i) {

@@ -132,20 +132,17 @@ TEST(DurationCheck, MeasuredOnlyWithVerboseDetailsAtLoadAndNoCameraLogLevelBelow
     using NSCam::NSTavrel::System::internal::exceedsQueueLimit;
     EXPECT_EQ(format("%d%d", exceedsQueueLimit(2'000'000), exceedsQueueLimit(2'000'001)), "01");
     SKIP_WITHOUT_FAULTS();
-    // Each line on both routes: the debug-print one first, with its header.
-    const auto both = [](const char* level, const char* fn, const std::string& text,
-                         const char* end) {
-        const std::string tag = std::string(level) + " tavrel-syscall: ";
-        return Lines{tag + "[tavrel-syscall] SystemCall:N " + fn + "() [" + fn + "] " + text + end,
-                     tag + "[" + fn + "] " + text};
-    };
-    const Lines slow = both("W", "QueueMediaRequest",
-                            "ioctl(100, MEDIA_REQUEST_IOC_QUEUE) takes T ns", "") +
-                       both("W", "QueueVideoNodeBuf", "ioctl(102, VIDIOC_QBUF) takes T ns", ""),
-                failed = both("E", "QueueVideoNodeBuf",
-                              "ioctl(102, VIDIOC_QBUF): -5(" + std::string(strerror(EIO)) + ")",
-                              " (QueueVideoNodeBuf){#N:src/utils/sys/SystemCall}") +
-                         crashReport("VIDIOC_QBUF", EIO);
+    // Each line on both routes, the debug-print one first with its header: the two slow
+    // requests' warnings, then the failure's error and report.
+    const Lines all = logEntries(
+        R"(W tavrel-syscall: [tavrel-syscall] SystemCall:N QueueMediaRequest() [QueueMediaRequest] ioctl(100, MEDIA_REQUEST_IOC_QUEUE) takes T ns
+W tavrel-syscall: [QueueMediaRequest] ioctl(100, MEDIA_REQUEST_IOC_QUEUE) takes T ns
+W tavrel-syscall: [tavrel-syscall] SystemCall:N QueueVideoNodeBuf() [QueueVideoNodeBuf] ioctl(102, VIDIOC_QBUF) takes T ns
+W tavrel-syscall: [QueueVideoNodeBuf] ioctl(102, VIDIOC_QBUF) takes T ns
+E tavrel-syscall: [tavrel-syscall] SystemCall:N QueueVideoNodeBuf() [QueueVideoNodeBuf] ioctl(102, VIDIOC_QBUF): -5(Input/output error) (QueueVideoNodeBuf){#N:src/utils/sys/SystemCall}
+E tavrel-syscall: [QueueVideoNodeBuf] ioctl(102, VIDIOC_QBUF): -5(Input/output error)
+F tavrel-crash: varnok: VIDIOC_QBUF err=-5(Input/output error) Please check VarnokKernel.
+F tavrel-crash: CRDISPATCH_KEY:VarnokKernel)");
     // Details level, then camera log level (empty: unset), then whether requests are timed.
     // clang-format off
     for (const auto& [details, level, measured] : {std::make_tuple("4", "", true), {"3", "", false},
@@ -155,13 +152,12 @@ TEST(DurationCheck, MeasuredOnlyWithVerboseDetailsAtLoadAndNoCameraLogLevelBelow
             "tavrel.host.ulog.mode=3\ntavrel.host.ulog.details_level=" + std::string(details) +
             (*level != 0 ? "\npersist.vendor.zel.camera.log_level=" : "") + level;
         const Outcome child = runWithProperties("DurationCheck.DISABLED_SlowRequests", properties);
+        const std::regex slow(R"(takes \d{7,} ns)");
         Lines got;
-        for (const std::string& entry : logEntries(child.out)) {
-            if (entry.find(" tavrel-") != 1) continue;
-            got.push_back(
-                std::regex_replace(entry, std::regex(R"(takes \d{7,} ns)"), "takes T ns"));
-        }
-        EXPECT_EQ(got, measured ? slow + failed : failed) << properties;
+        for (const std::string& entry :
+             logEntries(std::regex_replace(child.out, slow, "takes T ns")))
+            if (entry.find(" tavrel-") == 1) got.push_back(entry);
+        EXPECT_EQ(got, Lines(all.begin() + (measured ? 0 : 4), all.end())) << properties;
         EXPECT_EQ(child.status, 70);
     }
 }
