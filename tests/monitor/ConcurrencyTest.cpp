@@ -115,7 +115,9 @@ TEST(Registry, ASeededWalkKeepsTheKernelSetInStepWithAModel) {
 // Threads attach, signal, modify and detach eventfds and timers on one running monitor
 // while a relay attaches and detaches from inside onEvent on the monitor thread, and
 // signals interrupt its waits. Every unit written is consumed, every expiry dispatched.
-// Runs half a second, or TAVREL_SOAK_SECONDS (scripts/soak.sh).
+// Meanwhile 20 periodic timers keep firing however many expire together, and four disarmed
+// with a period set never come back. Runs half a second, or TAVREL_SOAK_SECONDS (scripts/
+// soak.sh, which reads the figures line).
 TEST(MonitorStress, EveryUnitIsConsumedEveryRegistrationUndoneAndNothingLogged) {
     const auto openDescriptors = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
@@ -137,9 +139,19 @@ TEST(MonitorStress, EveryUnitIsConsumedEveryRegistrationUndoneAndNothingLogged) 
             monitor->detach(&helper);
             ++relayed;
         });
+        std::vector<std::atomic<uint64_t>> fired(24);
+        std::vector<std::shared_ptr<Timer>> load;  // stopped with the monitor, before they go
         RunningMonitor running;
         monitor = running.monitor;
         monitor->attach(&relay, EPOLLIN);
+        for (size_t i = 0; i < fired.size(); ++i) {
+            const timespec past{0, 1}, none{}, period{0, 200'000};
+            load.push_back(
+                std::make_shared<Timer>("load", CLOCK_MONOTONIC, [&, i] { ++fired[i]; }));
+            monitor->attach(load[i].get(), int(load[i]->getEventType()));
+            load[i]->startTimerAbsoluteTime(i < 20 ? &past : &none, &period);
+            ++operations;
+        }
         std::vector<std::thread> threads;
         for (int t = 0; t < 4; ++t)
             threads.emplace_back([&, t] {
@@ -172,6 +184,20 @@ TEST(MonitorStress, EveryUnitIsConsumedEveryRegistrationUndoneAndNothingLogged) 
                 operations += 1;
             });
         for (std::thread& thread : threads) thread.join();
+        const std::vector<uint64_t> atEnd(fired.begin(), fired.end());
+        waitUntil([&] {  // counted, not timed: each periodic timer fires again
+            return std::equal(fired.begin(), fired.begin() + 20, atEnd.begin(),
+                              std::not_equal_to<>());
+        });
+        uint64_t rearms = 0, stopped = 0, revived = 0;
+        for (size_t i = 0; i < fired.size(); ++i) {
+            monitor->detach(load[i].get());
+            rearms += fired[i];
+            (i < 20 ? stopped : revived) += i < 20 ? fired[i] == atEnd[i] : fired[i] != 0;
+        }
+        std::printf("[ figures ] timer_load rearms=%lu stopped=%lu revived=%lu\n", rearms, stopped,
+                    revived);
+        EXPECT_EQ(stopped + revived, 0u);
         monitor->detach(&relay);
         const uint64_t n = operations + uint64_t(relayed) + 1;  // and the relay's
         EXPECT_EQ(dumpOf(*monitor).at(1).find(format("{ #attach=%lu #detach=%lu", n, n)), 4u);
