@@ -1,6 +1,6 @@
 // The Timer: its names and dump, its verbose lines, re-arming with what remains and when the
 // kernel refuses a read or a setting, firing on a running monitor, callbacks that restart, stop or
-// drop their own timer, and many timers firing at once.
+// drop their own timer. (Many timers firing at once: the stress test.)
 #include <poll.h>
 #include <sys/timerfd.h>
 
