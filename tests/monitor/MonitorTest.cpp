@@ -261,8 +261,9 @@ TEST(MonitorDeathTest, BrokenLoopsAndDescriptorsThatCannotBeMadeOrRegisteredEndT
     EXPECT_DEATH(
         (host::setFdsanReaction(host::FdsanReaction::kOff), ::close(e), loop->threadLoop()),
         entriesAre(fatal({kSys + wait}, m, "tryEpoll", std::string("[tryEpoll] ") + kBadFd)));
+    // At the descriptor limit at info level: the open descriptors cannot be listed either.
     const std::string tooMany = " return -1: err=-24(Too many open files)";
-    EXPECT_DEATH((limitDescriptors(0), IEpollMonitor::make("c")),
+    EXPECT_DEATH((ULogger::sDetailsLevel = 3, limitDescriptors(0), IEpollMonitor::make("c")),
                  entriesAre(fatal({kSys + "[EPollCreate] epoll_create()" + tooMany}, m, m,
                                   "[EpollMonitor] Failed on create epoll fd:-24")));
     EXPECT_DEATH((limitDescriptors(1), IEpollMonitor::make("c")),
