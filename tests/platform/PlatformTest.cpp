@@ -105,15 +105,14 @@ TEST(Fdsan, ClosesGoOnForTheOwnerAndUnderTheMilderReactions) {
     const int unowned = System::EventFD(0, EFD_CLOEXEC, 0);
     EXPECT_EQ(host::fdsanGetTag(unowned), 0u);
     EXPECT_EQ(System::Close(unowned, 0), 0);
+    const Lines warning{
+        "W fdsan: fdsan: attempted to close fd 901 with tag 0x0 owned by 0x100000000000abc"};
     for (const auto reaction : {host::FdsanReaction::kWarnOnce, host::FdsanReaction::kOff}) {
         host::setFdsanReaction(reaction);
         const StderrCapture err;
         EXPECT_EQ(::close(ownedFd()), 0);
         EXPECT_EQ(logEntries(err.text()),
-                  reaction == host::FdsanReaction::kOff
-                      ? Lines{}
-                      : Lines{"W fdsan: fdsan: attempted to close fd 901 with tag 0x0 owned by "
-                              "0x100000000000abc"});
+                  reaction == host::FdsanReaction::kOff ? Lines{} : warning);
         EXPECT_EQ(host::fdsanGetTag(kOwnedFd), 0u);
         EXPECT_EQ(::fcntl(kOwnedFd, F_GETFD), -1);
     }
@@ -143,18 +142,14 @@ TEST(HostAndroidLogTest, AndroidLogTagsFilterWithLogcatRules) {
     const char* const badRule =
         "tavrel-log: ANDROID_LOG_TAGS rule 'x:Q' left out (expected tag:level or *:level, with "
         "a level of V, D, I, W, E, F or S)";
+    // clang-format off
     const std::tuple<const char*, const char*, cam_debug_level_t, const char*> rows[] = {
-        {"", "a", CAM_DEBUG_INFO, "I a: line"},
-        {"a:W *:S", "a", CAM_DEBUG_WARNING, "W a: line"},
-        {"a:W *:S", "a", CAM_DEBUG_INFO, nullptr},
-        {"a:W *:S", "b", CAM_DEBUG_ERROR, nullptr},
-        {"*:E", "b", CAM_DEBUG_ERROR, "E b: line"},
-        {"*:w", "b", CAM_DEBUG_INFO, nullptr},
-        {"a *:S", "a", CAM_DEBUG_INFO, "I a: line"},
-        {"a:i,a:e", "a", CAM_DEBUG_WARNING, nullptr},
-        {"b:S\ta:E", "a", CAM_DEBUG_ERROR, "E a: line"},
-        {"x:Q *:S", "a", CAM_DEBUG_ERROR, badRule},
-    };
+        {"", "a", CAM_DEBUG_INFO, "I a: line"}, {"a:W *:S", "a", CAM_DEBUG_WARNING, "W a: line"},
+        {"a:W *:S", "a", CAM_DEBUG_INFO, nullptr}, {"a:W *:S", "b", CAM_DEBUG_ERROR, nullptr},
+        {"*:E", "b", CAM_DEBUG_ERROR, "E b: line"}, {"*:w", "b", CAM_DEBUG_INFO, nullptr},
+        {"a *:S", "a", CAM_DEBUG_INFO, "I a: line"}, {"a:i,a:e", "a", CAM_DEBUG_WARNING, nullptr},
+        {"b:S\ta:E", "a", CAM_DEBUG_ERROR, "E a: line"}, {"x:Q *:S", "a", CAM_DEBUG_ERROR, badRule}};
+    // clang-format on
     for (const auto& [tags, tag, level, said] : rows) {
         const StderrCapture err;
         host::setAndroidLogTags(tags);
@@ -193,10 +188,9 @@ TEST(HostPropertiesTest, MistakesAreReportedOnceNamingKeyAndExpectation) {
             const StderrCapture err;
             host::property_set(key, value);
             read();
-            const std::string text = err.text(),
-                              expected =
-                                  said != nullptr ? std::string("tavrel-properties: ") + said : "";
-            EXPECT_EQ(text.substr(0, expected.empty() ? std::string::npos : expected.size()),
+            const std::string expected =
+                said != nullptr ? "tavrel-properties: " + std::string(said) : "";
+            EXPECT_EQ(err.text().substr(0, said != nullptr ? expected.size() : std::string::npos),
                       expected);
         }
         host::property_set(key, nullptr);

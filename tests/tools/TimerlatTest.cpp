@@ -23,22 +23,19 @@ std::vector<std::string> wordsOf(const Options& p) {
 
 // Arguments, and the settings they change, "help", or "error: " and why. Rows run in turn:
 // the one after a parse that stopped inside a bundle starts afresh.
+// clang-format off
 const std::pair<const char*, const char*> kCommandLines[] = {
-    {"-D 1m -c BootTime", "D=60 c=boottime"},
-    {"-D 1.5h -l 9 -i 50", "i=50 l=9 D=5400"},
-    {"-D 2d", "error: bad value for --duration: 2d"},
-    {"-t 5 -Zq", "error: unknown option -Z"},
-    {"-p 80", "sched=1/fifo/80"},
-    {"-p -5 --policy BATCH", "sched=1/batch/-5"},
+    {"-D 1m -c BootTime", "D=60 c=boottime"}, {"-D 1.5h -l 9 -i 50", "i=50 l=9 D=5400"},
+    {"-D 2d", "error: bad value for --duration: 2d"}, {"-t 5 -Zq", "error: unknown option -Z"},
+    {"-p 80", "sched=1/fifo/80"}, {"-p -5 --policy BATCH", "sched=1/batch/-5"},
     {"--policy rr", "error: --policy rr needs -p 1 to 99"},
     {"--policy other -p 20", "error: priority 20 is out of range for other (-20 to 19)"},
     {"-t 3 -d 500 -a 0-1,3 -m --laptop", "t=3 d=500 a=0-1,3 m=10"},
     {"-t 1024 -d 58652", "error: the last timer's interval (-i + (-t - 1) * -d) is over 60 s"},
     {"-h 99 --histfile h --json j -T t --trace-append", "h=99/h json=j T=t/1"},
-    {"--histfile h", "error: --histfile needs -h"},
-    {"-q --help", "help"},
-    {"-m -l", "error: missing argument for -l"},
-};
+    {"--histfile h", "error: --histfile needs -h"}, {"-q --help", "help"},
+    {"-m -l", "error: missing argument for -l"}};
+// clang-format on
 
 TEST(TimerlatTest, CommandLines) {
     Options defaults;
