@@ -53,6 +53,7 @@ using NSCam::NSTavrel::IThreadLoop;
 using NSCam::NSTavrel::Timer;
 using NSCam::Utils::ULog::ULogger;
 using OnEvent = IEventObserver::OnEvent;
+using namespace std::chrono_literals;
 
 std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 

@@ -9,8 +9,6 @@
 namespace tavrel::test {
 namespace {
 
-using namespace std::chrono_literals;
-
 constexpr timespec kNone{}, kLongPast{0, 1};  // absolute times on the monotonic clock
 constexpr timespec kMillisecond{0, 1'000'000}, kSecond{1, 0};
 constexpr timespec kOutOfRange{0, 1'000'000'000}, kBadPeriod{0, -1};  // refused by the kernel
@@ -34,17 +32,12 @@ bool disarmed(const Timer& timer) {
     return settingOf(timer).it_value.tv_sec == 0 && settingOf(timer).it_value.tv_nsec == 0;
 }
 
-std::shared_ptr<Timer> makeTimer(
-    const char* name, std::function<void()> notify = [] {}) {
-    return std::make_shared<Timer>(name, CLOCK_MONOTONIC, std::move(notify));
-}
-
 TEST(Timer, NameDumpMaskAndVerboseLinesAsTheLogvPropertyOfItsConstructionSays) {
     // The logv value (unset, then any value but 0 turns the lines on) and the name.
     const std::pair<const char*, const char*> rows[] = {{nullptr, nullptr}, {"1", "p2"}, {"7", ""}};
     for (const auto& [logvValue, given] : rows) {
         const ScopedProperty logv("persist.vendor.camera.tavrel.timer.logv", logvValue);
-        const auto timer = makeTimer(given);
+        const auto timer = std::make_shared<Timer>(given, CLOCK_MONOTONIC, [] {});
         const std::string name = given != nullptr ? std::string("Timer-") + given : "Timer-?";
         const std::string text =
             format("{ %s .fd=%d .event=80000001 }", name.c_str(), timer->getEventFD());
@@ -78,7 +71,7 @@ TEST(Timer, NameDumpMaskAndVerboseLinesAsTheLogvPropertyOfItsConstructionSays) {
 }
 
 TEST(Timer, ReArmingKeepsWhatRemainsClearsTheExpirationsAndOutlivesRefusals) {
-    const auto timer = makeTimer("rearm");
+    const auto timer = std::make_shared<Timer>("rearm", CLOCK_MONOTONIC, [] {});
     const int t = timer->getEventFD();
     pollfd readable{t, POLLIN, 0};
     const auto fired = [&] { return ::poll(&readable, 1, 0) == 1; };
@@ -127,7 +120,7 @@ TEST(Timer, ACallbackMayRestartStopOrDropItsOwnTimer) {
     // onEvent has returned.
     std::shared_ptr<Timer> timers[4];
     for (int i = 0; i < 4; ++i)
-        timers[i] = makeTimer("callback", [&, i] {
+        timers[i] = std::make_shared<Timer>("callback", CLOCK_MONOTONIC, [&, i] {
             const timespec later = in(10s);
             if (i == 1) timers[1]->startTimerAbsoluteTime(&later, &kNone);
             if (i == 2) timers[2]->stopTimer();

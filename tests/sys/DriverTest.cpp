@@ -12,8 +12,6 @@ namespace {
 constexpr unsigned long kOwner = 0xd1;
 constexpr int kIova = int(0xC0104D01u);  // made up: any request passes through
 
-using namespace std::chrono_literals;
-
 // What the requests are handed: no driver ever reads them.
 v4l2_buffer buffer{};
 v4l2_event event{};

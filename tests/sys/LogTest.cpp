@@ -87,10 +87,8 @@ Lines printed(LogSwitches switches, uint32_t level, const char* tag,
               const std::function<void(ULogPrinter&)>& print) {
     const LogCapture capture(switches);
     const StderrCapture err;
-    {
-        ULogPrinter printer(tag, 0x08002001, level, ANDROID_LOG_WARN, "pre:", false);
-        print(printer);
-    }
+    ULogPrinter printer(tag, 0x08002001, level, ANDROID_LOG_WARN, "pre:", false);
+    print(printer);
     return logEntries(err.text()) + capture.unified();
 }
 
