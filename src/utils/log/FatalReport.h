@@ -15,10 +15,8 @@ namespace NSCam::NSTavrel::Log {
 // Unified route first (with the logger flushed, so its buffer survives the abort), then
 // the Android log's assertion, which aborts. No details gate and no debug-print route.
 template <typename... Args>
-[[noreturn]] __attribute__((noinline)) void assertionReport(const Site& site, int line,
-                                                            const char* function,
-                                                            const char* format,
-                                                            const char* longFormat, Args... args) {
+[[noreturn]] void assertionReport(const Site& site, int line, const char* function,
+                                  const char* format, const char* longFormat, Args... args) {
     if (unifiedRouteOn()) {
         writeUnified(site.tag, routeOf(Level::kError).unifiedLevel, format, args...);
         ULogger::sULogger.load(std::memory_order_acquire)->flush(1);

@@ -74,8 +74,7 @@ inline bool unifiedRouteOn() {
 // Kept for the stack: the length passed is the untruncated one the formatting reported, even
 // when the text was cut.
 template <typename... Args>
-__attribute__((noinline)) void writeUnified(const char* tag, int level, const char* format,
-                                            Args... args) {
+void writeUnified(const char* tag, int level, const char* format, Args... args) {
     char* line = static_cast<char*>(std::malloc(kLineSize));
     if (line == nullptr) return;
     const int length = std::snprintf(line, kLineSize, format, args...);
@@ -92,9 +91,8 @@ __attribute__((noinline)) void writeUnified(const char* tag, int level, const ch
 // Kept for the stack: a '%' in the prefix or the file text would be interpreted; the
 // platform promises there is none.
 template <typename... Args>
-__attribute__((noinline)) void writeDebugPrint(const Site& site, int line, const char* function,
-                                               cam_debug_level_t level, const char* longFormat,
-                                               Args... args) {
+void writeDebugPrint(const Site& site, int line, const char* function, cam_debug_level_t level,
+                     const char* longFormat, Args... args) {
     char format[kLineSize] = {};
     std::snprintf(format, sizeof(format), "%s[%s] %s:%d %s() %s", g_logInfoLv[level].prefix,
                   site.tag, get_filename_log_control(site.path), line, function, longFormat);
