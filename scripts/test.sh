@@ -4,7 +4,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-stage() { printf '\n=== %s\n' "$*"; }
+# Each stage's header says how long the run has taken so far: CI allows 12 minutes in all.
+stage() { printf '\n=== %s (at %dm%02ds)\n' "$*" $((SECONDS / 60)) $((SECONDS % 60)); }
 
 stage "setup: install missing Debian packages, the arm64 cross toolchain and the x86-64 and arm64 VM images"
 scripts/setup.sh
