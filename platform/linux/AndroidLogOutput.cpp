@@ -6,6 +6,7 @@
 #include <android/log.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -19,7 +20,10 @@ namespace {
 
 // logcat's priority letters, indexed by android_LogPriority; '?' for unknown and default.
 constexpr char kPriorityLetters[] = "??VDIWEFS";
-constexpr int kPrefixSize = 128;
+// Room for what comes before the tag: date, time, ids and priority letter.
+constexpr int kHeadSize = 64;
+// logcat pads shorter tags to this width and prints longer ones whole.
+constexpr size_t kTagWidth = 8;
 constexpr long kNanosPerMilli = 1000 * 1000;
 
 char priorityLetter(int priority) {
@@ -31,11 +35,12 @@ char priorityLetter(int priority) {
 std::string threadtimePrefix(int priority, const char* tag) {
     char date[sizeof("MM-DD HH:MM:SS")];
     const long nanos = localTimeNow("%m-%d %H:%M:%S", date, sizeof(date));
-    char prefix[kPrefixSize];
-    std::snprintf(prefix, sizeof(prefix), "%s.%03ld %5d %5d %c %-8s: ", date,
-                  nanos / kNanosPerMilli, static_cast<int>(getpid()), static_cast<int>(gettid()),
-                  priorityLetter(priority), tag);
-    return prefix;
+    char head[kHeadSize];
+    std::snprintf(head, sizeof(head), "%s.%03ld %5d %5d %c ", date, nanos / kNanosPerMilli,
+                  static_cast<int>(getpid()), static_cast<int>(gettid()), priorityLetter(priority));
+    const size_t tagLength = std::strlen(tag);
+    return std::string(head) + tag + std::string(kTagWidth - std::min(tagLength, kTagWidth), ' ') +
+           ": ";
 }
 
 // Each line of the message gets the prefix, as logcat prints a message of several lines;

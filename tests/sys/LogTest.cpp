@@ -122,7 +122,7 @@ TEST(ULogPrinter, LevelAndModuleGatesThenEachRouteBySwitch) {
 // to 63 characters; the Android log has the tag as given, and cuts the prefixed line to its
 // own 1023 characters.
 TEST(ULogPrinter, LongEmptyUnformattableLinesAndLongTags) {
-    const std::string text(2000, 'y'), tag(70, 't'), tag63 = tag.substr(0, 63);
+    const std::string text(2000, 'y'), tag(120, 't'), tag63 = tag.substr(0, 63);
     EXPECT_EQ(printed({}, 1, tag.c_str(),
                       [&](auto& p) {
                           TAVREL_LOGE("[%s] %s", "f", text.c_str());
