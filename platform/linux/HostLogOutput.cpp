@@ -4,12 +4,12 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 
 #include "HostKeys.h"
 #include "tavrel/platform/Properties.h"
@@ -18,7 +18,8 @@ namespace tavrel::host {
 namespace {
 
 constexpr int kPathSize = 4096;
-constexpr int kHeaderSize = 128;
+// Room for what comes before the tag: date, time, ids and level letter.
+constexpr int kHeadSize = 64;
 constexpr mode_t kLogFileMode = 0644;
 constexpr long kNanosPerMicro = 1000;
 
@@ -52,20 +53,23 @@ void writeHostLogLine(char levelLetter, const char* tag, const char* text) {
     const int savedErrno = errno;
     char date[sizeof("YYYY-MM-DD HH:MM:SS")];
     const long nanos = localTimeNow("%Y-%m-%d %H:%M:%S", date, sizeof(date));
-    char header[kHeaderSize];
-    const int headerLength =
-        std::snprintf(header, sizeof(header), "%s.%06ld %d %d %c %s: ", date,
-                      nanos / kNanosPerMicro, static_cast<int>(getpid()),
-                      static_cast<int>(gettid()), levelLetter, tag != nullptr ? tag : "");
+    char head[kHeadSize];
+    const int headLength =
+        std::snprintf(head, sizeof(head), "%s.%06ld %d %d %c ", date, nanos / kNanosPerMicro,
+                      static_cast<int>(getpid()), static_cast<int>(gettid()), levelLetter);
+    const char* name = tag != nullptr ? tag : "";
     const char* body = text != nullptr ? text : "";
-    char newline = '\n';
+    char separator[] = ": ", newline[] = "\n";
+    // The tag and the text whole, however long: each is a part of its own.
     iovec parts[] = {
-        {header, static_cast<size_t>(std::min(headerLength, kHeaderSize - 1))},
+        {head, static_cast<size_t>(headLength)},
+        {const_cast<char*>(name), std::strlen(name)},
+        {separator, 2},
         {const_cast<char*>(body), std::strlen(body)},
-        {&newline, 1},
+        {newline, 1},
     };
     // A line that cannot be written has nowhere else to go; it is dropped.
-    (void)::writev(sOutputFd.load(std::memory_order_relaxed), parts, 3);
+    (void)::writev(sOutputFd.load(std::memory_order_relaxed), parts, std::size(parts));
     errno = savedErrno;
 }
 

@@ -17,9 +17,11 @@ namespace Properties = NSCam::Utils::Properties;
 TEST(Properties, IntegersAndBooleansParseTheWayAndroidsReadersDo) {
     // Each value, then what property_get_int32 and property_get_bool give with defaults -7, -1.
     // clang-format off
-    const char* rows[][2] = {{"42", "42 -1"}, {"-0x1F", "-31 -1"}, {"2147483647", "2147483647 -1"},
-        {"2147483648", "-7 -1"}, {"-2147483649", "-7 -1"}, {"12a", "-7 -1"}, {"", "-7 -1"},
-        {"1", "1 1"}, {"0", "0 0"}, {"yes", "-7 1"}, {"off", "-7 0"}, {"TRUE", "-7 -1"}};
+    const char* rows[][2] = {{"42", "42 -1"}, {"-0xAfaF", "-44975 -1"}, {"2147483647", "2147483647 -1"},
+        {"2147483648", "-7 -1"}, {"-2147483649", "-7 -1"}, {"18446744073709551616", "-7 -1"},
+        {"12a", "-7 -1"}, {"1-", "-7 -1"}, {"", "-7 -1"}, {"TRUE", "-7 -1"}, {"1", "1 1"}, {"y", "-7 1"},
+        {"yes", "-7 1"}, {"on", "-7 1"}, {"true", "-7 1"}, {"0", "0 0"}, {"n", "-7 0"}, {"no", "-7 0"},
+        {"off", "-7 0"}, {"false", "-7 0"}};
     // clang-format on
     for (const auto& [raw, parsed] : rows) {
         const ScopedProperty property("test.value", raw);
@@ -29,11 +31,14 @@ TEST(Properties, IntegersAndBooleansParseTheWayAndroidsReadersDo) {
             << raw;
     }
     char text[4] = "old";
-    EXPECT_FALSE(host::property_get("test.value", text, sizeof(text)));
+    EXPECT_FALSE(host::property_get("test.value", text, 4) || host::property_get(nullptr, text, 4));
     const ScopedProperty property("test.value", "abcdef");
-    EXPECT_TRUE(host::property_get("test.value", text, sizeof(text)));
-    EXPECT_STREQ(text, "abc");
+    EXPECT_TRUE(host::property_get("test.value", nullptr, 0) &&
+                host::property_get("test.value", text, sizeof(text)) && text == std::string("abc"));
 }
+
+// A tag longer than any fixed header buffer holds: it must come out whole.
+const std::string kLongTag(120, 't');
 
 // Run by the next test in a child whose property file sets everything read at load.
 TEST(LoadTime, DISABLED_Settings) {
@@ -43,7 +48,7 @@ TEST(LoadTime, DISABLED_Settings) {
                 ULogger::sMode.load(), ULogger::sDetailsLevel.load(),
                 ULogger::sNormalDetailsMask.load(), host::gTavrelTraceBits.load(),
                 host::gAtraceEnabledTags.load(), g_logInfoLv[0].enableMask.load());
-    ULogger::sULogger.load()->writeLine(0x08002001, "tag", 2, "to the file", 11);
+    ULogger::sULogger.load()->writeLine(0x08002001, kLongTag.c_str(), 2, "to the file", 11);
 }
 
 TEST(LoadTime, ThePropertyFileSetsSwitchesMasksAndTheLogFileAndReportsBadLines) {
@@ -64,7 +69,7 @@ tavrel-properties: \S+:4: malformed line skipped \(empty key\)
 (.|\n)*)"));
     EXPECT_THAT(child.out, HasSubstr("spaced=[two words] mode=3 details=4 mask=0x8002000 bits=0x30 "
                                      "tags=0x400 modules=0x1\n"));
-    EXPECT_EQ(logEntries(readFile(log)), Lines{"W tag: to the file"});
+    EXPECT_EQ(logEntries(readFile(log)), Lines{"W " + kLongTag + ": to the file"});
 }
 
 TEST(DebugPrint, TheFileTextIsABaseNameWithoutPercent) {
@@ -72,13 +77,14 @@ TEST(DebugPrint, TheFileTextIsABaseNameWithoutPercent) {
 }
 
 // A descriptor number far above what the program opens, the same in a death-test child,
-// open and owned by 0xabc.
+// open and owned by 0xabc (an owner value's bits from 56 up give way to the type).
 constexpr int kOwnedFd = 901;
 constexpr uint64_t kOwnerTag = 0x0100000000000abc;
 
 int ownedFd() {
-    ::dup2(UniqueFd(::eventfd(0, EFD_CLOEXEC)).get(), kOwnedFd);
-    EXPECT_EQ(zelcam_fdsan_exchange_tag(kOwnedFd, 0, zelcam_fdsan_create_tag(0xabc, 1), 1), 0);
+    ::dup3(UniqueFd(::eventfd(0, EFD_CLOEXEC)).get(), kOwnedFd, O_CLOEXEC);
+    const uint64_t tag = zelcam_fdsan_create_tag(0xff00000000000abc, 1);
+    EXPECT_EQ(zelcam_fdsan_exchange_tag(kOwnedFd, 0, tag, 1), 0);
     return kOwnedFd;
 }
 
@@ -188,10 +194,8 @@ TEST(HostPropertiesTest, MistakesAreReportedOnceNamingKeyAndExpectation) {
             const StderrCapture err;
             host::property_set(key, value);
             read();
-            const std::string expected =
-                said != nullptr ? "tavrel-properties: " + std::string(said) : "";
-            EXPECT_EQ(err.text().substr(0, said != nullptr ? expected.size() : std::string::npos),
-                      expected);
+            const std::string expected = said ? "tavrel-properties: " + std::string(said) : "";
+            EXPECT_EQ(err.text().substr(0, said ? expected.size() : std::string::npos), expected);
         }
         host::property_set(key, nullptr);
     }
