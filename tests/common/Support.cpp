@@ -104,13 +104,7 @@ std::string withoutPid(const std::string& marker) {
 }
 
 TraceCapture::TraceCapture(uint64_t bits, uint64_t tags) {
-    host::setTraceSink(
-        [](void* self, const char* marker) {
-            auto* capture = static_cast<TraceCapture*>(self);
-            std::lock_guard<std::mutex> lock(capture->mutex);
-            capture->recorded.push_back(withoutPid(marker));
-        },
-        this);
+    host::setTraceFile((dir.path + "/trace").c_str());
     host::setTavrelTraceBits(bits);
     host::setAtraceEnabledTags(tags);
 }
@@ -118,7 +112,19 @@ TraceCapture::TraceCapture(uint64_t bits, uint64_t tags) {
 TraceCapture::~TraceCapture() {
     host::setTavrelTraceBits(0);
     host::setAtraceEnabledTags(0);
-    host::setTraceSink(nullptr, nullptr);
+    host::setTraceFile(nullptr);
+}
+
+Lines TraceCapture::markers() const {
+    // "<task, 16 wide>-<tid> [<cpu>] ..... <seconds>.<micros>: tracing_mark_write: <marker>"
+    const std::regex frame(R"(^.{16}-\d+ +\[\d{3}\] \.{5} \d+\.\d{6}: tracing_mark_write: )");
+    Lines markers;
+    std::istringstream in(readFile(dir.path + "/trace"));
+    for (std::string line; std::getline(in, line);) {
+        if (line[0] != '#')  // the header's lines
+            markers.push_back(withoutPid(std::regex_replace(line, frame, "")));
+    }
+    return markers;
 }
 
 Lines logEntries(const std::string& text) {

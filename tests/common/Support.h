@@ -99,19 +99,6 @@ private:
 // A trace marker without its process id: "B|12|name" gives "B|name", "E|12" gives "E".
 std::string withoutPid(const std::string& marker);
 
-// Records trace markers without their process id while alive, with the library's category
-// bits and the atrace tags set as asked.
-struct TraceCapture {
-    explicit TraceCapture(uint64_t bits, uint64_t tags = 0x400);
-    ~TraceCapture();
-    Lines markers() const {
-        std::lock_guard<std::mutex> lock(mutex);
-        return recorded;
-    }
-    mutable std::mutex mutex;  // guards `recorded`
-    Lines recorded;
-};
-
 // What this process writes to stderr meanwhile: gtest's own capture, started at once.
 struct StderrCapture {
     StderrCapture() { testing::internal::CaptureStderr(); }
@@ -135,6 +122,16 @@ struct TempDir {
     // Writes a file into the folder; returns its path.
     std::string write(const std::string& name, const std::string& content) const;
     std::string path;
+};
+
+// Records trace markers without their process id while alive, in a trace file of its own
+// (a line not framed as ftrace frames a marker is kept whole, and so matches no marker), with
+// the library's category bits and the atrace tags set as asked.
+struct TraceCapture {
+    explicit TraceCapture(uint64_t bits, uint64_t tags = 0x400);
+    ~TraceCapture();
+    Lines markers() const;
+    TempDir dir;
 };
 
 // The whole content of a file; empty when it cannot be read.
