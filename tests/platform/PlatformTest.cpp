@@ -48,7 +48,7 @@ TEST(LoadTime, DISABLED_Settings) {
                 ULogger::sMode.load(), ULogger::sDetailsLevel.load(),
                 ULogger::sNormalDetailsMask.load(), host::gTavrelTraceBits.load(),
                 host::gAtraceEnabledTags.load(), g_logInfoLv[0].enableMask.load());
-    ULogger::sULogger.load()->writeLine(0x08002001, kLongTag.c_str(), 2, "to the file", 11);
+    ULogger::sULogger.load()->writeLine(0x08002001, kLongTag.c_str(), 5, "to the file", 11);
 }
 
 TEST(LoadTime, ThePropertyFileSetsSwitchesMasksAndTheLogFileAndReportsBadLines) {
@@ -69,7 +69,7 @@ tavrel-properties: \S+:4: malformed line skipped \(empty key\)
 (.|\n)*)"));
     EXPECT_THAT(child.out, HasSubstr("spaced=[two words] mode=3 details=4 mask=0x8002000 bits=0x30 "
                                      "tags=0x400 modules=0x1\n"));
-    EXPECT_EQ(logEntries(readFile(log)), Lines{"W " + kLongTag + ": to the file"});
+    EXPECT_EQ(logEntries(readFile(log)), Lines{"V " + kLongTag + ": to the file"});
 }
 
 TEST(DebugPrint, TheFileTextIsABaseNameWithoutPercent) {
