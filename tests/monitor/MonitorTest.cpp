@@ -168,9 +168,9 @@ TEST(ReadyToRun, AppliesThePropertiesOnlyWhenTheDriverGivesNeitherValue) {
         const char *threadName, *propertyPolicy, *propertyPriority, *affinity;
         int schedPolicy, nice;  // -1: left as it was
         const char* name;
-    } rows[] = {{kNotGiven, kNotGiven, "", nullptr, nullptr, "0", SCHED_OTHER, 6, "P2DrvEP-thread"},
+    } rows[] = {{kNotGiven, kNotGiven, "", nullptr, nullptr, "0", SCHED_OTHER, 6, "P2DrvEP-thread-"},
                 {kNotGiven, kNotGiven, "worker", "0", "3", nullptr, SCHED_BATCH, 3, "worker"},
-                {2, kNotGiven, "", "0", "3", nullptr, SCHED_OTHER, -1, "P2DrvEP-thread"}};
+                {2, kNotGiven, "", "0", "3", nullptr, SCHED_OTHER, -1, "P2DrvEP-thread-"}};
     // clang-format on
     for (const auto& row : rows) {
         const ScopedProperty policy(key + "policy", row.propertyPolicy),
@@ -181,7 +181,7 @@ TEST(ReadyToRun, AppliesThePropertiesOnlyWhenTheDriverGivesNeitherValue) {
             // Without the privilege, a nice value below the inherited one is refused whole.
             const bool set = row.nice >= 0 && (geteuid() == 0 || row.nice >= inherited);
             const int result =
-                std::dynamic_pointer_cast<IThreadLoop>(IEpollMonitor::make("thread"))
+                std::dynamic_pointer_cast<IThreadLoop>(IEpollMonitor::make("thread-cut"))
                     ->readyToRun(IThreadLoop::ReadyToRun{row.threadName, row.policy, row.priority});
             char name[16] = {};
             prctl(PR_GET_NAME, name);

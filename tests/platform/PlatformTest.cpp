@@ -201,20 +201,24 @@ TEST(HostPropertiesTest, MistakesAreReportedOnceNamingKeyAndExpectation) {
     }
 }
 
-// The policies' mapping is applied by the monitor's readyToRun tests and the timerlat runs.
-TEST(ThreadControl, NumbersOutOfRangeAreRefusedAndNamesCut) {
+// Numbers out of their policy's range (nice 20 and -21, real-time 0) and a policy that does not
+// exist are refused before the kernel sees them; nice 19 no kernel refuses. A CPU list is
+// applied when set, kernel-style. The policies' mapping and the cut of a long thread name are
+// checked by the monitor's readyToRun test and the timerlat runs.
+TEST(ThreadControl, NumbersAndCpuListsOutOfRangeAreRefused) {
     std::thread([] {
         const int tid = NSCam::Thread::getThisThread();
         EXPECT_EQ(tid, gettid());
-        // Nice 20 for SCHED_OTHER, real-time 0 for SCHED_FIFO, and an unknown policy.
-        for (const auto& [policy, priority] : {std::pair{1, 20}, {2, 0}, {4, 1}})
-            EXPECT_EQ(NSCam::Thread::setThreadPriority(tid, priority, policy), -EINVAL) << policy;
-        customizeThreadReadyToRun("a-name-longer-than-fifteen", 26);
-        char name[16] = {};
-        prctl(PR_GET_NAME, name);
-        EXPECT_STREQ(name, "a-name-longer-t");
-        const ScopedProperty bad("tavrel.host.perfctrl.affinity", "1-");
-        EXPECT_EQ(zelcam_perfctrl_set_affinity(), -EINVAL);
+        // clang-format off
+        for (const auto& [policy, priority, result] : {std::tuple{1, 20, -EINVAL}, {1, -21, -EINVAL},
+                 {2, 0, -EINVAL}, {4, 1, -EINVAL}, {1, 19, 0}})
+            EXPECT_EQ(NSCam::Thread::setThreadPriority(tid, priority, policy), result) << priority;
+        // clang-format on
+        for (const auto& [list, result] :
+             {std::pair{"", 0}, {"0-0", 0}, {"1-", -EINVAL}, {"0;1", -EINVAL}}) {
+            const ScopedProperty affinity("tavrel.host.perfctrl.affinity", list);
+            EXPECT_EQ(zelcam_perfctrl_set_affinity(), result) << list;
+        }
     }).join();
 }
 
