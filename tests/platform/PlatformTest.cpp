@@ -208,7 +208,7 @@ TEST(HostPropertiesTest, MistakesAreReportedOnceNamingKeyAndExpectation) {
 // runs.
 TEST(ThreadControl, NumbersAndCpuListsOutOfRangeAreRefused) {
     std::thread([] {
-        const int tid = NSCam::Thread::getThisThread();  // another thread's number is refused
+        const int tid = NSCam::Thread::getThisThread();  // proved by readyToRun's test
         // clang-format off
         for (const auto& [policy, priority, result] : {std::tuple{1, 20, -EINVAL}, {1, -21, -EINVAL},
                  {2, 0, -EINVAL}, {4, 1, -EINVAL}, {1, 19, 0}})
